@@ -1,0 +1,41 @@
+# Shell functions shared by the scripts in this directory; sourced, never run.
+# shellcheck shell=bash
+
+# The root of the source tree.
+repository_root() {
+    cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd
+}
+
+# say TEXT...: tells the reader what is going on, apart from a script's real output.
+say() {
+    printf '%s: %s\n' "${0##*/}" "$*" >&2
+}
+
+# die TEXT...: says what went wrong and gives up.
+die() {
+    say "error: $*"
+    exit 1
+}
+
+# print_head_comment FILE: the comment at the head of a script, which is its --help text.
+print_head_comment() {
+    sed -n '2,/^[^#]/{ s/^# \{0,1\}//p; }' "$1"
+}
+
+# quietly LOG COMMAND...: runs a command with its output in a file, and shows that only if it fails.
+quietly() {
+    local log=$1
+    shift
+    mkdir -p "$(dirname "$log")"
+    if ! "$@" >"$log" 2>&1; then
+        tail -n 60 "$log" >&2
+        die "failed: $* (all of its output is in $log)"
+    fi
+}
+
+# build_tree DIRECTORY CMAKE-ARGUMENT...: configures and builds.
+build_tree() {
+    local directory=$1
+    shift
+    cmake "$@" && cmake --build "$directory"
+}

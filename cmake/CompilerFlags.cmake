@@ -20,8 +20,7 @@ function(zentrava_product_flags target)
     target_compile_options(${target} PRIVATE
         -fstack-protector-strong -fstack-clash-protection
         -Wformat=2 -Wimplicit-fallthrough -Werror=format-security)
-    # On 32-bit systems the status of a file with a large inode number is only had this way.
-    target_compile_definitions(${target} PRIVATE _GLIBCXX_ASSERTIONS _FILE_OFFSET_BITS=64)
+    target_compile_definitions(${target} PRIVATE _GLIBCXX_ASSERTIONS)
     if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
         target_compile_options(${target} PRIVATE -fcf-protection=full)
     endif()

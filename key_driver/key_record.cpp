@@ -23,9 +23,14 @@ static bool is_text(const xmlNode* node)
     return node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE;
 }
 
+xmlNode* first_child_of(const xmlNode* node)
+{
+    return node->type != XML_ENTITY_REF_NODE ? node->children : NULL;
+}
+
 const xmlChar* text_of(const xmlNode* element)
 {
-    const xmlNode* first = element->children;
+    const xmlNode* first = first_child_of(element);
     return first != NULL && is_text(first) && first->content != NULL ? first->content : as_xml("");
 }
 

@@ -28,6 +28,10 @@ bool is_named(const xmlNode* node, const xmlChar* name);
 
 bool is_key_record(const xmlNode* node);
 
+// Null for a node without children, and for an entity reference: below that hangs the entity's
+// declaration, which is no part of the content and whose siblings can lead back to the reference.
+xmlNode* first_child_of(const xmlNode* node);
+
 // The text that a record's child holds: its first child's, if that is text. Everything else (no
 // child at all, a comment, an element, an entity reference first) counts as the empty text. Never
 // null; points into the tree.

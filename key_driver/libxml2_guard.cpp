@@ -15,12 +15,15 @@ struct ErrorReporting {
 };
 static thread_local unsigned int nesting = 0;
 static thread_local ErrorReporting outside = {};
+static thread_local bool memory_ran_out = false;
 
 static void silence_error_reports()
 {
     outside = {xmlStructuredError, xmlStructuredErrorContext};
     // The second parameter's type differs between libxml2's versions.
-    xmlSetStructuredErrorFunc(nullptr, [](void*, auto) {});
+    xmlSetStructuredErrorFunc(nullptr, [](void*, auto error) {
+        memory_ran_out = memory_ran_out || error->code == XML_ERR_NO_MEMORY;
+    });
 }
 
 static void restore_error_reports()
@@ -42,11 +45,17 @@ void libxml2_enter()
     // the mutexes that it consists of. It is silenced like the rest.
     pthread_mutex_lock(&guard);
     if (nesting++ == 0) {
+        memory_ran_out = false;
         silence_error_reports();
     }
     xmlInitParser();
     ++threads_inside;
     pthread_mutex_unlock(&guard);
+}
+
+bool libxml2_ran_out_of_memory()
+{
+    return memory_ran_out;
 }
 
 void libxml2_leave(bool clean_up)

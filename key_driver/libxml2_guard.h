@@ -20,6 +20,10 @@
 // offending line of a malformed file, pieces of private keys included, on standard error.
 void libxml2_enter();
 
+// Whether an allocation of libxml2's failed in the calling thread since its outermost entry. The
+// parser drops what it found no memory for and returns the rest as if it were the whole.
+bool libxml2_ran_out_of_memory();
+
 // Ends the innermost stretch of the calling thread; the outermost one puts the thread's error
 // reporting back as it was. With `clean_up`, xmlCleanupParser is called as soon as no thread is
 // inside: at once when the caller was the only one.

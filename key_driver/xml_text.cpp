@@ -12,6 +12,12 @@ static const size_t LONGEST_TEXT = 10000000;
 // 3629).
 static const int SMALLEST_OF_LENGTH[] = {0, 0, 0x80, 0x800, 0x10000};
 
+// A byte that no character begins with; xmlGetUTF8Char takes it for the first of two.
+static bool is_continuation(xmlChar byte)
+{
+    return (byte & 0xC0) == 0x80;
+}
+
 bool xml_text_can_be_stored(const char* text)
 {
     if (text == NULL) {
@@ -26,7 +32,8 @@ bool xml_text_can_be_stored(const char* text)
         // In: how many bytes may be read. Out: how many the character takes.
         int length = left < 4 ? static_cast<int>(left) : 4;
         const int code_point = xmlGetUTF8Char(position, &length);
-        if (code_point < SMALLEST_OF_LENGTH[length > 0 ? length : 0] || !xmlIsCharQ(code_point)) {
+        if (is_continuation(*position) ||
+            code_point < SMALLEST_OF_LENGTH[length > 0 ? length : 0] || !xmlIsCharQ(code_point)) {
             return false;
         }
         position += length;

@@ -40,14 +40,19 @@ static xmlNodePtr tmpTree_rootNode = NULL;
 // Documents
 // ---------------------------------------------------------------------------------------------
 
-// Reads a store file; null when it is missing or does not parse. The thread is inside libxml2 from
-// here on, so each call is followed by exactly one close, whether the read succeeded or not.
-// The options stay 0: recovering would accept broken files, and lifting the parser's limits would
-// let in the files that those limits are there to stop.
+// Reads a store file; null when it is missing, does not parse or finds no memory. The thread is
+// inside libxml2 from here on, so each call is followed by exactly one close, whether the read
+// succeeded or not. The options stay 0: recovering would accept broken files, and lifting the
+// parser's limits would let in the files that those limits are there to stop.
 static xmlDocPtr open_document(const char* file_name)
 {
     libxml2_enter();
-    return xmlReadFile(file_name, NULL, 0);
+    xmlDocPtr document = xmlReadFile(file_name, NULL, 0);
+    if (libxml2_ran_out_of_memory()) {
+        xmlFreeDoc(document);
+        return NULL;
+    }
+    return document;
 }
 
 // As open_document, with the mutex held during the read and no longer.
@@ -178,9 +183,9 @@ static xmlNode* find_node_from_input_root(xmlNode* rootNode, const xmlChar* uid,
             if (matches) {
                 return node;
             }
-        } else if (node->type != XML_ENTITY_REF_NODE) {
-            // Below an entity reference hangs its declaration, whose siblings can lead back here.
-            xmlNode* found = find_node_from_input_root(node->children, uid, handle, key_name, key);
+        } else {
+            xmlNode* found =
+                find_node_from_input_root(first_child_of(node), uid, handle, key_name, key);
             if (found != NULL) {
                 return found;
             }
@@ -200,7 +205,7 @@ static xmlNode* find_record(xmlDocPtr document, const char* uid, const char* key
 static const xmlChar* getRawKeyFromNode(const xmlNode* rootNode)
 {
     for (const xmlNode* child = rootNode->children; child != NULL; child = child->next) {
-        if (is_named(child, XML_NodeName_KEY) && child->children != NULL) {
+        if (is_named(child, XML_NodeName_KEY) && first_child_of(child) != NULL) {
             return text_of(child);
         }
     }

@@ -41,7 +41,8 @@ int __wrap_xmlSaveFile(const char* file_name, xmlDocPtr document);
 int __wrap_xmlSaveFile(const char* file_name, xmlDocPtr document)
 {
     const std::string name = file_name;
-    note("save " + name.substr(0, name.find(".xml")) + ".xml");
+    const size_t base = name.rfind('/') + 1;
+    note("save " + name.substr(base, name.find(".xml") - base) + ".xml");
     return saving_fails ? -1 : __real_xmlSaveFile(file_name, document);
 }
 

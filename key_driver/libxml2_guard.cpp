@@ -22,7 +22,8 @@ static void silence_error_reports()
     outside = {xmlStructuredError, xmlStructuredErrorContext};
     // The second parameter's type differs between libxml2's versions.
     xmlSetStructuredErrorFunc(nullptr, [](void*, auto error) {
-        memory_ran_out = memory_ran_out || error->code == XML_ERR_NO_MEMORY;
+        memory_ran_out =
+            memory_ran_out || error->code == XML_ERR_NO_MEMORY || error->code == XML_IO_ENOMEM;
     });
 }
 

@@ -309,16 +309,18 @@ static bool copy_text(const char* text, char* buffer, size_t size)
     return true;
 }
 
-static uint32_t largest_handle_in_file(const char* file_name)
+// The larger one of `*largest` and the handles in a file; a file that is missing or does not parse
+// adds none. False without memory: what could not be read for want of it may hold a larger handle.
+static bool add_handles_in_file(const char* file_name, uint32_t* largest)
 {
     xmlDocPtr document = open_document(file_name);
     if (document == NULL) {
         close_document(document);
-        return 0;
+        return !libxml2_ran_out_of_memory();
     }
-    const uint32_t largest = largest_handle_below(xmlDocGetRootElement(document));
+    *largest = larger_handle(*largest, largest_handle_below(xmlDocGetRootElement(document)));
     close_document_and_clean_up(document);
-    return largest;
+    return true;
 }
 
 // Makes the handle that follows the largest one in both files and the volatile tree.
@@ -326,8 +328,11 @@ static uint32_t get_new_key_handle(char* handle_out_buff, const uint32_t handle_
 {
     assert(handle_out_buff != NULL);
 
-    uint32_t largest = largest_handle_in_file(PUBLIC_KEY_FILE);
-    largest = larger_handle(largest, largest_handle_in_file(PRIVATE_KEY_FILE));
+    uint32_t largest = 0;
+    if (!add_handles_in_file(PUBLIC_KEY_FILE, &largest) ||
+        !add_handles_in_file(PRIVATE_KEY_FILE, &largest)) {
+        return STORE_ERROR;
+    }
     largest = larger_handle(largest, largest_handle_below(getTmpTreeRootNode()));
 
     char handle[HANDLE_TEXT_SIZE] = {};

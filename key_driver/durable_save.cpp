@@ -1,5 +1,9 @@
+// On 32-bit systems the status of a file with a large inode number is only had this way.
+#define _FILE_OFFSET_BITS 64
+
 #include "durable_save.h"
 
+#include "key_record.h"
 #include "store_lock.h"
 
 #include <libxml/uri.h>
@@ -108,30 +112,37 @@ static bool copy_owner_and_permissions(int from, int to)
     return copy_attributes(from, to) && fchmod(to, wanted.st_mode & 07777) == 0;
 }
 
-// Whether libxml2 reported an error in this thread since xmlResetLastError. A write that fails
-// midway shows there alone: the count that xmlSaveFile returns is then that of the bytes so far.
+// Whether libxml2 reported an error in this thread since xmlResetLastError. The number of bytes
+// that it returns does not tell: what it finds no memory for it leaves out.
 static bool error_was_reported()
 {
     const auto* error = xmlGetLastError();
     return error != NULL && error->level >= XML_ERR_ERROR;
 }
 
-// libxml2 takes a file name for a URI and unescapes it.
-static bool save_to(const char* path, xmlDocPtr document)
+// libxml2 takes a file name for a URI and unescapes it. Where that file cannot be opened, it tries
+// the name as it was given. Then "%2E", the escaped ".", names a directory that is not there, so
+// that no file of a strange name comes into being.
+static bool name_as_uri(const char* path, char* uri, size_t size)
 {
-    char* base =
-        static_cast<char*>(static_cast<void*>(xmlURIEscapeStr(BAD_CAST path, BAD_CAST "/")));
-    if (base == NULL) {
+    xmlChar* escaped = xmlURIEscapeStr(as_xml(path), as_xml("/"));
+    if (escaped == NULL) {
         return false;
     }
-    char* slash = strrchr(base, '/');
-    char uri[3 * PATH_MAX + 64];
-    if (slash != NULL) {
-        snprintf(uri, sizeof uri, "%.*s/%%2E/%s", static_cast<int>(slash - base), base, slash + 1);
-    } else {
-        snprintf(uri, sizeof uri, "%%2E/%s", base);
+    const char* whole = as_chars(escaped);
+    const char* slash = strrchr(whole, '/');
+    const char* base = slash != NULL ? slash + 1 : whole;
+    snprintf(uri, size, "%.*s%%2E/%s", static_cast<int>(base - whole), whole, base);
+    xmlFree(escaped);
+    return true;
+}
+
+static bool save_to(const char* path, xmlDocPtr document)
+{
+    char uri[3 * PATH_MAX + 64]; // an escaped byte takes three
+    if (!name_as_uri(path, uri, sizeof uri)) {
+        return false;
     }
-    xmlFree(base);
     xmlResetLastError();
     const int written = xmlSaveFile(uri, document);
     return written >= 0 && !error_was_reported();

@@ -1,3 +1,6 @@
+// On 32-bit systems the status of a file with a large inode number is only had this way.
+#define _FILE_OFFSET_BITS 64
+
 #include "store_lock.h"
 
 #include "key_store_format.h"
@@ -10,17 +13,69 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// The working directory, and the directories that links lead to, in the order of their inodes.
 struct Directory {
     int fd;
     dev_t device;
     ino_t inode;
 };
-static Directory locked[3];
-static int count = 0;
-static bool all_locked = false;
 
-static bool lock_file(int fd)
+// The working directory and those that the store files' links lead to, each once. All processes
+// lock them in the order of device and inode, so that no two wait for each other.
+static Directory directories[3];
+static int directory_count = 0;
+static bool all_are_locked = false;
+
+static bool is_before(const Directory& a, const Directory& b)
+{
+    return a.device != b.device ? a.device < b.device : a.inode < b.inode;
+}
+
+// Puts a directory in its place; one that is there already is closed instead.
+static void insert_directory(const Directory& directory)
+{
+    int place = directory_count;
+    while (place > 0 && is_before(directory, directories[place - 1])) {
+        --place;
+    }
+    if (place > 0 && !is_before(directories[place - 1], directory)) {
+        close(directory.fd);
+        return;
+    }
+    for (int i = directory_count; i > place; --i) {
+        directories[i] = directories[i - 1];
+    }
+    directories[place] = directory;
+    ++directory_count;
+}
+
+static bool open_directory(const char* path)
+{
+    const int fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat status;
+    if (fstat(fd, &status) != 0) {
+        close(fd);
+        return false;
+    }
+    insert_directory({fd, status.st_dev, status.st_ino});
+    return true;
+}
+
+// A file that is not there has no directory to be locked beside the working directory.
+static bool open_directory_of(const char* file_name)
+{
+    char* target = realpath(file_name, NULL);
+    if (target == NULL) {
+        return true;
+    }
+    const bool is_open = open_directory(dirname(target));
+    free(target);
+    return is_open;
+}
+
+static bool lock_directory(int fd)
 {
     int result = -1;
     do {
@@ -29,65 +84,29 @@ static bool lock_file(int fd)
     return result == 0;
 }
 
-static bool before(const Directory& a, const Directory& b)
-{
-    return a.device != b.device ? a.device < b.device : a.inode < b.inode;
-}
-
-static bool add_directory(const char* path)
-{
-    struct stat status;
-    const int fd = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 || fstat(fd, &status) != 0) {
-        if (fd >= 0) {
-            close(fd);
-        }
-        return false;
-    }
-    const Directory directory = {fd, status.st_dev, status.st_ino};
-    int place = count;
-    while (place > 0 && before(directory, locked[place - 1])) {
-        --place;
-    }
-    if (place > 0 && !before(locked[place - 1], directory)) {
-        close(fd);
-        return true;
-    }
-    for (int i = count; i > place; --i) {
-        locked[i] = locked[i - 1];
-    }
-    locked[place] = directory;
-    ++count;
-    return true;
-}
-
 void store_lock_take()
 {
-    count = 0;
-    all_locked = add_directory(".");
+    directory_count = 0;
+    all_are_locked = open_directory(".");
     for (const char* file_name : PRIVATE_THEN_PUBLIC) {
-        char* target = realpath(file_name, NULL);
-        if (target != NULL) {
-            all_locked = add_directory(dirname(target)) && all_locked;
-            free(target);
-        }
+        all_are_locked = open_directory_of(file_name) && all_are_locked;
     }
-    for (int i = 0; i < count; ++i) {
-        all_locked = lock_file(locked[i].fd) && all_locked;
+    for (int i = 0; i < directory_count; ++i) {
+        all_are_locked = lock_directory(directories[i].fd) && all_are_locked;
     }
 }
 
 void store_lock_give_back()
 {
-    for (int i = count; i > 0; --i) {
-        flock(locked[i - 1].fd, LOCK_UN);
-        close(locked[i - 1].fd);
+    for (int i = directory_count; i > 0; --i) {
+        flock(directories[i - 1].fd, LOCK_UN);
+        close(directories[i - 1].fd);
     }
-    count = 0;
-    all_locked = false;
+    directory_count = 0;
+    all_are_locked = false;
 }
 
 bool store_lock_is_held()
 {
-    return all_locked;
+    return all_are_locked;
 }

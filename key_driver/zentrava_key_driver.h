@@ -117,13 +117,12 @@ KeyLibraryErrorCode key_lib_clear_keys(const uint8_t* context_buf);
  *
  * Five functions load a key of the context's UID from the key store:
  *
- *   function                             key name in the store      bytes  used as
- *   set_srk_as_hmac_root_signing_key     "srk"                      32     HMAC root key
- *   set_crk_as_hmac_root_signing_key     "crk"                      32     HMAC root key
- *   set_csk_as_hmac_session_signing_key  "tmp_client_session_key"   32     HMAC session key
- *   set_ecdsa_signing_key                "ecdsa_prv"                32     ECDSA private key
- *   set_ecdsa_verification_key           "ECDSA_DS_PuK"             64     ECDSA public key, X then
- * Y
+ *   function                             key name in the store     bytes  used as
+ *   set_srk_as_hmac_root_signing_key     "srk"                     32     HMAC root key
+ *   set_crk_as_hmac_root_signing_key     "crk"                     32     HMAC root key
+ *   set_csk_as_hmac_session_signing_key  "tmp_client_session_key"  32     HMAC session key
+ *   set_ecdsa_signing_key                "ecdsa_prv"               32     ECDSA private key
+ *   set_ecdsa_verification_key           "ECDSA_DS_PuK"            64     ECDSA public key: X, Y
  *
  * context_buf  in
  * force        false: a key in place stays, wherever it came from, and the store is not asked.
@@ -314,8 +313,8 @@ KeyLibraryErrorCode verify_ecdsa_signature(const uint8_t* context_buf, const uin
  * KeyLibrary_BAD_PARAMETER  context_buf, ecdh_pub_key or powerOnAmtc0 is null, or the length is not
  *                           within 1..6
  * KeyLibrary_MEMORY         no memory for the peer key or the session key
- * KeyLibrary_KEY_NOT_FOUND  the store did not deliver "ecdh_prv", the context without a UID
- * included KeyLibrary_INVALID_KEY    the store's "ecdh_prv" is shorter than 32 bytes
+ * KeyLibrary_KEY_NOT_FOUND  the store did not deliver "ecdh_prv", also for a context without UID
+ * KeyLibrary_INVALID_KEY    the store's "ecdh_prv" is shorter than 32 bytes
  * KeyLibrary_CRYPTO         the engine failed: no random numbers, or the agreement has no result
  */
 KeyLibraryErrorCode derive_ecdh_session_key(const uint8_t* context_buf, const uint8_t* ecdh_pub_key,
@@ -369,7 +368,7 @@ KeyLibraryErrorCode set_kts_ecdsa_signing_key(const uint8_t* context_buf, uint32
  * KeyLibrary_KEY_NOT_FOUND  the store did not deliver, the context without a UID included
  * KeyLibrary_INVALID_KEY    the store's key is shorter than 32 bytes
  * KeyLibrary_CRYPTO         the engine failed: no random numbers, or the agreement has no result.
- * The key's buffer is in place with undefined contents: do not use it.
+ *                           The key's buffer is in place with undefined contents: do not use it.
  */
 KeyLibraryErrorCode set_kts_hmac_signing_key(const uint8_t* context_buf, uint32_t slot_id,
                                              const uint8_t* ecdh_pub_key, bool force);

@@ -29,8 +29,8 @@
  * Handles. A new handle is the largest one in both files and the volatile tree plus one, so the
  * first is "1", and the number of a deleted record that had the largest is given out again. Only
  * records directly below the root count. A text that is no number counts as 0, a negative one as
- * the largest:
- * "-5" is followed by "-4".
+ * the largest: "-5" is followed by "-4". A file that is missing or does not parse does not count
+ * and is not reported, so a broken file can lead to a handle that is in it already.
  *
  * Volatile keys live in a tree in memory until they are deleted or the process ends.
  *
@@ -39,15 +39,16 @@
  * standard error, which would show pieces of a malformed file, keys included.
  *
  * Saving. A store file is replaced as a whole: the new content goes to a sibling (the file's name
- * with
- * ".saving" behind it) with the same owner and permissions, is flushed to the disk, and is renamed
- * over the file. After a kill, a power cut or a full disk the file holds the old content or the
- * new. When it could not be written, the file is as it was, and the operation returns 1 after
+ * with ".saving" behind it) with the same owner and permissions, is flushed to the disk, and is
+ * renamed over the file. After a kill, a power cut or a full disk the file holds the old content or
+ * the new. When it could not be written (also when a signal interrupts the wait for the disk), the
+ * file is as it was, and the operation returns 1 after
  *   "[%s] error: could not save file %s\n"                with the operation's name and the file's
- * A symbolic link stays one. Where permissions or the kind of file stand in the way of the sibling
- * or the renaming (a directory that is not writable, an owner that cannot be kept, a mount point),
- * the file is overwritten in place; only then can a kill leave half a file. A write-protected file
- * is not replaced.
+ * A symbolic link stays one: the file that it leads to is replaced. Of a file with several hard
+ * links, only the name in the store gets the new content. Where permissions or the kind of file
+ * stand in the way of the sibling or the renaming (a directory that is not writable, an owner that
+ * cannot be kept, a mount point), the file is overwritten in place; only then can a kill leave half
+ * a file, and another process read one. A write-protected file is not replaced.
  *
  * Threads. One mutex, private to the store, serialises reading and rewriting the store files, as
  * told at each function. The volatile tree is not covered by it: operations that use or change it
@@ -56,17 +57,20 @@
  * must not run in one thread while another adds or deletes volatile keys. Nor do handles that two
  * threads make at the same time differ, if one of them is a volatile key's.
  *
- * Processes. An operation that changes a store file holds an advisory lock on the working directory
- * meanwhile (flock), so that processes using this library do not undo each other's changes.
- * Where the file system has no such locks it goes on without.
+ * Processes. An operation that changes a store file meanwhile holds an advisory lock (flock) on the
+ * working directory and on the directories that symbolic links in the store's place lead to, so
+ * that processes using this library do not undo each other's changes. Where the file system has no
+ * such locks it goes on without.
  *
  * libxml2. Most operations call xmlCleanupParser when they are done, which libxml2 does not allow
  * while another thread is inside it. The library's own calls are kept apart from each other:
  * threads that use the store at the same time are counted, and the last one out cleans up. But a
- * program that uses libxml2 itself, in other threads, is exposed: it was seen to hang. Such a
- * program must keep its libxml2 work and its calls into this library apart, or use a library built
- * with -DZENTRAVA_XML_CLEANUP=OFF, which leaves the call out. An operation also must not be called
- * while the calling thread is in the middle of libxml2 work of its own.
+ * program that uses libxml2 itself, in other threads, is exposed: such programs were seen to hang,
+ * to crash, and to lose the error handler that they had set. A program of that kind keeps its
+ * libxml2 work and its calls into this library apart, or uses a library built with
+ * -DZENTRAVA_XML_CLEANUP=OFF, which leaves the call out, and calls xmlInitParser before it starts
+ * its threads. An operation also must not be called while the calling thread is in the middle of
+ * libxml2 work of its own.
  */
 #ifndef ZENTRAVA_KEY_MANAGEMENT_UTILS_H
 #define ZENTRAVA_KEY_MANAGEMENT_UTILS_H
@@ -100,10 +104,9 @@ extern "C" {
  *
  * Messages:
  *   "[get_key_handle] error: could not parse file %s\n"   for each file that cannot be read
- *   "[get_key_handle] error: Handle output buffer size is not large enough to hold the handle
- * string"
- *   "[get_key_handle] error: Metadata output buffer size is not large enough to hold the metadata
- * string" "error: can't find key"                               nothing was returned
+ *   "[get_key_handle] error: Handle output buffer size is not large enough to hold the handle string"
+ *   "[get_key_handle] error: Metadata output buffer size is not large enough to hold the metadata string"
+ *   "error: can't find key"                               nothing was returned
  *
  * Locking: takes no lock, so it must not run while another thread rewrites the files.
  */
@@ -157,7 +160,7 @@ uint32_t get_key(const unsigned char* uid, const char* key_name, uint8_t* key,
  *   "[add_volatile_key] error: input parameter cannot be stored as XML text\n"
  *   "[add_volatile_key] Failed to retrieve Temporary Key Tree root node!"         no memory
  *   "error: size of output buffer for handle is not large enough", then
- *   "[add_volatile_key] error: could not get new key handle"
+ *   "[add_volatile_key] error: could not get new key handle"      which no memory leads to as well
  *   "[add_volatile_key] error: could not add a key record\n"                      no memory
  *
  * Locking: takes no lock; see "Threads" above. Reads both store files for the new handle.
@@ -184,9 +187,10 @@ uint32_t add_volatile_key(const char* key_hex, char* handle_out_buff,
  *   "[add_nonvolatile_based_key] error: size of input parameter (e.g., uid or key) is not valid"
  *   "[add_nonvolatile_based_key] error: input parameter cannot be stored as XML text\n"
  *   "[add_nonvolatile_based_key] error: could retrieve root element"              no memory
- *   "error: Cannot add key for uid 0x%s and key name %s! Key with same uid and key_name already
- * exists\n" "error: size of output buffer for handle is not large enough", then
- *   "[add_nonvolatile_based_key] error: could not get new key handle"
+ *   "error: Cannot add key for uid 0x%s and key name %s! Key with same uid and key_name already exists\n"
+ *   "error: size of output buffer for handle is not large enough", then
+ *   "[add_nonvolatile_based_key] error: could not get new key handle"      which no memory leads to
+ *                                                                          as well
  *   "[add_nonvolatile_based_key] error: could not add a key record\n"             no memory
  *
  * Locking: takes no lock; see "Threads" above. Reads both store files for the new handle.
@@ -206,8 +210,7 @@ uint32_t add_volatile_based_key(const char* uid, const char* key_name, const cha
  * metadata        in, NUL-terminated. New key: null or empty leaves the element out. Replacement:
  *                 null leaves the metadata as it is, the empty text empties it.
  * is_private_key  true for the private file, false for the public one
- * allow_replace   whether a key of the same UID and name in this file is replaced. Its handle
- * stays.
+ * allow_replace   whether a key of the same UID and name in this file is replaced; its handle stays
  *
  * 0  added as a new record, behind the last child of the file's root
  * 1  not added; or REPLACED: a successful replacement returns 1 too, without a message
@@ -217,12 +220,11 @@ uint32_t add_volatile_based_key(const char* uid, const char* key_name, const cha
  *   "[add_nonvolatile_based_key] error: input parameter cannot be stored as XML text\n"
  *   "[add_nonvolatile_based_key] error: could not parse file %s\n"
  *   "[add_nonvolatile_based_key] error: could retrieve root element after parsing file %s\n"
- *   "error: Cannot add key for uid 0x%s and key name %s! Key with same uid and key_name already
- * exists\n" replacement not allowed; the file is rewritten
- *   "[add_nonvolatile_based_key] error: could not get new key handle"
+ *   "error: Cannot add key for uid 0x%s and key name %s! Key with same uid and key_name already exists\n"
+ *                                             replacement not allowed; the file is rewritten
+ *   "[add_nonvolatile_based_key] error: could not get new key handle"     no memory
  *   "[add_nonvolatile_based_key] error: could not add a key record\n"     no memory, or the root is
- *                                                   itself a record: the search would not look
- * inside
+ *                                             itself a record: the search would not look inside
  *   "[add_nonvolatile_based_key] error: could not replace key"            no memory; file untouched
  *   "[add_nonvolatile_based_key] error: could not save file %s\n"
  *
@@ -273,7 +275,7 @@ uint32_t delete_key_by_handle(const char* handle);
  * public one. Nothing is deleted while the volatile tree holds a key of this UID and name.
  *
  * uid, key_name  in, NUL-terminated; null ends the process through a failed assertion, in every
- * build type
+ *                build type
  *
  * 0  deleted
  * 1  not deleted (no message for a key that is volatile or was not found)
@@ -314,12 +316,10 @@ uint32_t delete_crk(const char* uid);
  *   "[copy_prv_key] error: input parameter cannot be stored as XML text\n"
  *   "[copy_prv_key] error: could not parse file %s\n"
  *   "[copy_prv_key] error: could retrieve root element after parsing file %s\n"
- *   "[copy_prv_key] error: Cannot add key for uid 0x%s and key name %s! Key with same uid and
- * key_name already exists\n"
- *   "[copy_prv_key] error: no key with found with  uid=%s; key name=%s\n"         the file is
- * rewritten
+ *   "[copy_prv_key] error: Cannot add key for uid 0x%s and key name %s! Key with same uid and key_name already exists\n"
+ *   "[copy_prv_key] error: no key with found with  uid=%s; key name=%s\n"    the file is rewritten
  *   "[copy_prv_key] error: Failed to extract key data from key with uid=%s; key name=%s\n"
- *   "[copy_prv_key] error: could not get new key handle"
+ *   "[copy_prv_key] error: could not get new key handle"                          no memory
  *   "[copy_prv_key] error: could not add a key record\n"                          no memory
  *   "[copy_prv_key] error: could not save file %s\n"
  *
@@ -392,7 +392,7 @@ uint32_t read_public_key_as_hex(const char* uid, const char* key_name, char* hex
  * volatile tree is looked at.
  *
  * uid, key_name  in, NUL-terminated; null ends the process through a failed assertion, in every
- * build type
+ *                build type
  *
  * true   it does
  * false  it does not, or the file cannot be read, after

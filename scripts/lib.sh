@@ -33,9 +33,16 @@ quietly() {
     fi
 }
 
-# build_tree DIRECTORY CMAKE-ARGUMENT...: configures and builds.
+# build_target DIRECTORY TARGET CMAKE-ARGUMENT...: configures and builds.
+build_target() {
+    local directory=$1 target=$2
+    shift 2
+    cmake "$@" && cmake --build "$directory" --target "$target"
+}
+
+# build_tree DIRECTORY CMAKE-ARGUMENT...: configures and builds everything.
 build_tree() {
     local directory=$1
     shift
-    cmake "$@" && cmake --build "$directory"
+    build_target "$directory" all "$@"
 }

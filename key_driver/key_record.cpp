@@ -7,10 +7,18 @@
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+
+// As xmlStrcmp compares, by the C library's function, which looks at whole words: a search compares
+// every record's texts.
+bool is_same_text(const xmlChar* a, const xmlChar* b)
+{
+    return a[0] == b[0] && strcmp(as_chars(a), as_chars(b)) == 0;
+}
 
 bool is_named(const xmlNode* node, const xmlChar* name)
 {
-    return xmlStrcmp(node->name, name) == 0;
+    return is_same_text(node->name, name);
 }
 
 bool is_key_record(const xmlNode* node)

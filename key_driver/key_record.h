@@ -23,6 +23,8 @@ inline const char* as_chars(const xmlChar* text)
     return reinterpret_cast<const char*>(text);
 }
 
+bool is_same_text(const xmlChar* a, const xmlChar* b);
+
 // Names are compared whatever the type of the node; a text or comment node is never called "uid".
 bool is_named(const xmlNode* node, const xmlChar* name);
 

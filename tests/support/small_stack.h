@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <libxml/parser.h>
 
 #include <pthread.h>
 #include <stddef.h>
@@ -18,6 +19,9 @@ template <typename Call> void on_a_small_stack(Call call)
         (*static_cast<Call*>(argument))();
         return nullptr;
     };
+    // libxml2 keeps a record for each thread but the one that initialised it, and loses it when that
+    // thread cleans up. Let the new thread be the one.
+    xmlCleanupParser();
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, &attributes, start, &call), 0);
     ASSERT_EQ(pthread_join(thread, nullptr), 0);

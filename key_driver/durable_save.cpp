@@ -32,8 +32,9 @@ static Outcome outcome_of_errno()
     case EACCES:
     case EPERM:
     case EROFS:
-    case EBUSY: // a mount point
-    case EXDEV: // likewise
+    case EBUSY:  // a mount point
+    case EXDEV:  // likewise
+    case EINVAL: // an owner or a listed user who has no number in this user namespace
     case ENAMETOOLONG:
     case ENOTSUP:
     case ERANGE: // more attributes than are copied

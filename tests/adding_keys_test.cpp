@@ -205,6 +205,14 @@ TEST_F(AddVolatileKey, ReadsBothFilesWithoutAnyLockAndCleansUpOnce)
                         "clean up"}));
 }
 
+TEST_F(AddVolatileKey, DoesNotCleanUpWhenNoFileCanBeRead)
+{
+    std::filesystem::remove(PUBLIC_FILE);
+    std::filesystem::remove(PRIVATE_FILE);
+    EXPECT_EQ(steps_of([&] { return add_volatile_key("ab", handle_.data(), handle_.size()); }),
+              (Events{"read key_contents_pub.xml", "read key_contents_prv.xml"}));
+}
+
 TEST_F(AddVolatileKey, TakesNoLock)
 {
     const Deadline deadline(60);

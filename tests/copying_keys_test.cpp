@@ -109,6 +109,12 @@ TEST_F(CopyPrivateKey, RefusesAnEmptyUidBeforeItTouchesTheFile)
     EXPECT_EQ(store_events, Events());
 }
 
+TEST_F(CopyPrivateKey, LooksAtTheLengthOfTheUidBeforeItLooksAtTheTexts)
+{
+    EXPECT_EQ(copy("", "n", "\xFF"),
+              refused("[copy_prv_key] error: length of input parameter uid is not valid\n"));
+}
+
 TEST_F(CopyPrivateKey, TakesNoLockForArgumentsThatItRefuses)
 {
     const Deadline deadline(60);

@@ -44,7 +44,8 @@
  * Saving. A store file is replaced as a whole: the new content goes to a sibling (the file's name
  * with ".saving" behind it) with the same owner and permissions, is flushed to the disk, and is
  * renamed over the file. After a kill, a power cut or a full disk the file holds the old content or
- * the new. When it could not be written (also when a signal interrupts the wait for the disk), the
+ * the new. When it could not be written (also when a signal interrupts the wait for the disk), or
+ * when it could not be read again exactly (because of the file's own declarations or encoding), the
  * file is as it was, and the operation returns 1 after
  *   "[%s] error: could not save file %s\n"                with the operation's name and the file's
  * A symbolic link stays one: the file that it leads to is replaced. Of a file with several hard

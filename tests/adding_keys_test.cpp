@@ -3,6 +3,7 @@
 #include "tests/support/handle_failure.h"
 
 #include "tests/support/changing_store.h"
+#include "tests/support/locks_at_print.h"
 #include "tests/support/xml_reader.h"
 
 #include <gtest/gtest.h>
@@ -1114,6 +1115,17 @@ TEST_P(AddNonvolatileBasedKey, SavesADuplicateUnderTheLocksAndThenCleansUpAndPau
     EXPECT_EQ(steps_of([] { return call(UID.c_str(), "n", KEY.c_str(), nullptr, false); }),
               as_built({"read " + file + BOTH_LOCKS, "save " + file + BOTH_LOCKS, "free",
                         "clean up", "sleep"}));
+}
+
+TEST_P(AddNonvolatileBasedKey, GivesTheLocksBackBeforeItReportsAFileThatCannotBeUsed)
+{
+    const auto add_one = [] {
+        return prints_with_locks_held([] { call(UID.c_str(), "n", KEY.c_str(), nullptr, false); });
+    };
+    documents_seem_rootless = true;
+    EXPECT_FALSE(add_one()) << "no root";
+    std::filesystem::remove(file_name());
+    EXPECT_FALSE(add_one()) << "unreadable";
 }
 
 TEST_P(AddNonvolatileBasedKey, GivesTheLocksBackOnEveryFailure)

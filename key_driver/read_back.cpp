@@ -74,10 +74,25 @@ static bool comes_back(xmlDocPtr document)
     return same;
 }
 
+static bool declares_namespaces(xmlDocPtr document)
+{
+    const xmlNode* root = xmlDocGetRootElement(document);
+    const xmlNode* node = root;
+    while (node != NULL && !(node->type == XML_ELEMENT_NODE && node->nsDef != NULL)) {
+        node = node_after(node, root);
+    }
+    return node != NULL;
+}
+
+static bool is_in_utf8(const xmlDoc* document)
+{
+    return document->encoding == NULL ||
+           xmlParseCharEncoding(as_chars(document->encoding)) == XML_CHAR_ENCODING_UTF8;
+}
+
 bool can_be_read_back(xmlDocPtr document)
 {
-    const bool is_in_utf8 =
-        document->encoding == NULL ||
-        xmlParseCharEncoding(as_chars(document->encoding)) == XML_CHAR_ENCODING_UTF8;
-    return (document->intSubset == NULL && is_in_utf8) || comes_back(document);
+    const bool is_beyond_doubt =
+        document->intSubset == NULL && is_in_utf8(document) && !declares_namespaces(document);
+    return is_beyond_doubt || comes_back(document);
 }

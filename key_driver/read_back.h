@@ -7,10 +7,11 @@
 #pragma GCC visibility push(hidden)
 
 // Whether the document, once written, can be read again, with the texts that it has. Most can. But
-// libxml2 writes an attribute's default value without escaping it, and leaves most encodings to the
-// C library, where some lose characters, or even those that the markup is made of. So documents
-// with declarations or in such an encoding are written and read on trial, in memory; without memory
-// the answer is no. The caller is inside libxml2 (libxml2_guard.h).
+// libxml2 writes attributes' default values and the names of namespaces without escaping them, and
+// leaves most encodings to the C library, where some lose characters, or even those that the markup
+// is made of. So documents with declarations of this kind or in such an encoding are written and
+// read on trial, in memory; without memory the answer is no. The caller is inside libxml2
+// (libxml2_guard.h).
 bool can_be_read_back(xmlDocPtr document);
 
 #pragma GCC visibility pop

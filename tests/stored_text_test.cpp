@@ -607,14 +607,15 @@ struct UnsafeFile {
 const char* const SAFE_TEXT = "safe";
 
 const UnsafeFile UNSAFE_FILES[] = {
-    {"DefaultValueWithMarkup", "<!DOCTYPE keys [<!ATTLIST keys a CDATA '&lt;'>]>", SAFE_TEXT},
-    {"Utf7", "<?xml version='1.0' encoding='UTF-7'?>", SAFE_TEXT},
-    {"ShiftJis", "<?xml version='1.0' encoding='Shift_JIS'?>", "a\\b"},
+    {"DefaultValueWithMarkup", "<!DOCTYPE keys [<!ATTLIST keys a CDATA '&lt;'>]><keys>", SAFE_TEXT},
+    {"NamespaceWithMarkup", "<keys><group xmlns:p='&lt;'/>", SAFE_TEXT},
+    {"Utf7", "<?xml version='1.0' encoding='UTF-7'?><keys>", SAFE_TEXT},
+    {"ShiftJis", "<?xml version='1.0' encoding='Shift_JIS'?><keys>", "a\\b"},
 };
 
 // Declarations that libxml2 writes well, among them of entities that grow when they are expanded or
 // that a careless walk through the document does not come back from.
-const char* const HARMLESS_DECLARATIONS[] = {
+const std::string HARMLESS_DECLARATIONS[] = {
     "<!DOCTYPE keys>",
     "<!DOCTYPE keys [<!ATTLIST keys a CDATA '&amp;&quot;\"'>]>",
     "<!DOCTYPE keys [<!ENTITY a 'x'><!ENTITY b '&a;'>]>",
@@ -632,8 +633,7 @@ class UnsafeToSave : public ChangingStore, public testing::WithParamInterface<Un
     void SetUp() override
     {
         ChangingStore::SetUp();
-        write_file(PRIVATE_FILE,
-                   GetParam().beginning + ("<keys>" + record(UID, "n", "1", KEY) + "</keys>"));
+        write_file(PRIVATE_FILE, GetParam().beginning + record(UID, "n", "1", KEY) + "</keys>");
         if (!contains_key(DEVICE_UID, "n")) {
             GTEST_SKIP() << "this encoding is not known here";
         }
@@ -669,7 +669,7 @@ using SafeToSave = ChangingStore;
 TEST_F(SafeToSave, IsAFileOfHarmlessDeclarations)
 {
     const Deadline deadline(60);
-    for (const std::string declarations : HARMLESS_DECLARATIONS) {
+    for (const std::string& declarations : HARMLESS_DECLARATIONS) {
         const bool has_entities = declarations.find("ENTITY") != std::string::npos;
         write_file(PRIVATE_FILE, declarations + "<keys>" + record(UID, "n", "1", KEY) + "text" +
                                      (has_entities ? "&b;&a;<m>&b;</m>" : "") +

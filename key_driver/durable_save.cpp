@@ -4,6 +4,7 @@
 #include "durable_save.h"
 
 #include "key_record.h"
+#include "read_back.h"
 #include "store_lock.h"
 
 #include <libxml/uri.h>
@@ -32,8 +33,9 @@ static Outcome outcome_of_errno()
     case EACCES:
     case EPERM:
     case EROFS:
-    case EBUSY: // a mount point
-    case EXDEV: // likewise
+    case EBUSY:  // a mount point
+    case EXDEV:  // likewise
+    case EINVAL: // an owner or a listed user who has no number in this user namespace
     case ENAMETOOLONG:
     case ENOTSUP:
     case ERANGE: // more attributes than are copied
@@ -319,6 +321,9 @@ static char* target_of(const char* file_name)
 
 bool durable_save(const char* file_name, xmlDocPtr document)
 {
+    if (!can_be_read_back(document)) {
+        return false;
+    }
     char* target = target_of(file_name);
     if (target == NULL) {
         return false;

@@ -18,6 +18,10 @@
 // The caller is inside libxml2 (libxml2_guard.h) and has the lock between processes (store_lock.h)
 // if it is to be had; with the lock, a sibling that a killed process left is cleared away.
 //
+// A document that could not be read again once it is written, or not with the texts that it has, is
+// not saved at all. That takes a file that was prepared with declarations that libxml2 writes
+// wrongly, or in an encoding that loses characters.
+//
 // True when the new content is in the file and on the disk. False when it could not be written: the
 // file is as it was, and no sibling is left. (Only where the directory's own flush fails at last
 // does the new content stay although the result is false.)

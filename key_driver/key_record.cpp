@@ -26,7 +26,7 @@ bool is_key_record(const xmlNode* node)
     return node->type == XML_ELEMENT_NODE && is_named(node, XML_NodeName_Key_Content);
 }
 
-static bool is_text(const xmlNode* node)
+bool is_text(const xmlNode* node)
 {
     return node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE;
 }

@@ -30,6 +30,9 @@ bool is_named(const xmlNode* node, const xmlChar* name);
 
 bool is_key_record(const xmlNode* node);
 
+// Whether a node is text, or a section of character data.
+bool is_text(const xmlNode* node);
+
 // Null for a node without children, and for an entity reference: below that hangs the entity's
 // declaration, which is no part of the content and whose siblings can lead back to the reference.
 xmlNode* first_child_of(const xmlNode* node);

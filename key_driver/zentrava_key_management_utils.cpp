@@ -98,17 +98,28 @@ struct Change {
 };
 static const Change CHANGED = {true, STORE_OK};
 static const Change REFUSED_BUT_SAVED = {true, STORE_ERROR}; // rewritten all the same
-static const Change ABANDONED = {false, STORE_ERROR};        // the file stays untouched
 
-// Saves the document if that is wanted and ends the change; the operation's result.
+// Ends a change without a save; the file stays untouched. Called before the reason is printed, so
+// that nobody waits for standard output.
+static Change abandon_change()
+{
+    end_change();
+    return {false, STORE_ERROR};
+}
+
+// Saves the document and ends the change, unless it was abandoned; the operation's result.
 static uint32_t finish_change(Change change, xmlDocPtr document, const char* file_name,
                               const char* operation)
 {
-    if (change.save && !durable_save(file_name, document)) {
-        printf("[%s] error: could not save file %s\n", operation, file_name);
-        change.result = STORE_ERROR;
+    if (!change.save) {
+        return change.result;
     }
+    const bool saved = durable_save(file_name, document);
     end_change();
+    if (!saved) {
+        printf("[%s] error: could not save file %s\n", operation, file_name);
+        return STORE_ERROR;
+    }
     return change.result;
 }
 
@@ -543,8 +554,9 @@ static Change add_or_replace_key(xmlNodePtr root, const RecordTexts& texts, bool
         return REFUSED_BUT_SAVED;
     }
     if (!replace_key(record, texts)) {
+        const Change abandoned = abandon_change();
         puts("[add_nonvolatile_based_key] error: could not replace key");
-        return ABANDONED;
+        return abandoned;
     }
     // A replacement is saved and yet reported as a failure: callers rely on it.
     return REFUSED_BUT_SAVED;
@@ -771,11 +783,18 @@ uint32_t delete_crk(const char* uid)
 static Change copy_record(xmlDocPtr document, const char* uid, const char* key_name,
                           const char* copy_name)
 {
+    if (xmlDocGetRootElement(document) == NULL) {
+        const Change abandoned = abandon_change();
+        printf("[copy_prv_key] error: could retrieve root element after parsing file %s\n",
+               PRIVATE_KEY_FILE);
+        return abandoned;
+    }
     if (find_record(document, uid, copy_name) != NULL) {
+        const Change abandoned = abandon_change();
         printf("[copy_prv_key] error: Cannot add key for uid 0x%s and key name %s! Key with same "
                "uid and key_name already exists\n",
                uid, copy_name);
-        return ABANDONED;
+        return abandoned;
     }
     xmlNodePtr source = find_record(document, uid, key_name);
     if (source == NULL) {
@@ -785,10 +804,11 @@ static Change copy_record(xmlDocPtr document, const char* uid, const char* key_n
     }
     const xmlChar* key = getRawKeyFromNode(source);
     if (key == NULL || key[0] == '\0') {
+        const Change abandoned = abandon_change();
         printf("[copy_prv_key] error: Failed to extract key data from key with uid=%s; key "
                "name=%s\n",
                uid, key_name);
-        return ABANDONED;
+        return abandoned;
     }
     char handle[HANDLE_SIZE];
     if (get_new_key_handle(handle, sizeof handle) != STORE_OK) {
@@ -796,7 +816,8 @@ static Change copy_record(xmlDocPtr document, const char* uid, const char* key_n
         return REFUSED_BUT_SAVED;
     }
     const RecordTexts copy = {uid, copy_name, handle, as_chars(key), NULL};
-    return add_record(xmlDocGetRootElement(document), copy, "copy_prv_key") ? CHANGED : ABANDONED;
+    return add_record(xmlDocGetRootElement(document), copy, "copy_prv_key") ? CHANGED
+                                                                            : abandon_change();
 }
 
 uint32_t copy_private_key(const char* uid, const char* key_name, const char* copy_name)
@@ -819,13 +840,7 @@ uint32_t copy_private_key(const char* uid, const char* key_name, const char* cop
         close_document(document);
         return STORE_ERROR;
     }
-    Change change = ABANDONED;
-    if (xmlDocGetRootElement(document) == NULL) {
-        printf("[copy_prv_key] error: could retrieve root element after parsing file %s\n",
-               PRIVATE_KEY_FILE);
-    } else {
-        change = copy_record(document, uid, key_name, copy_name);
-    }
+    const Change change = copy_record(document, uid, key_name, copy_name);
     const uint32_t result = finish_change(change, document, PRIVATE_KEY_FILE, "copy_prv_key");
     close_document_and_clean_up(document);
     return result;
@@ -847,35 +862,40 @@ static Change overwrite_srk(xmlDocPtr document, const char* uid, const char* han
 {
     xmlNodePtr srk = find_record(document, uid, SRK_NAME);
     if (srk == NULL) {
+        const Change abandoned = abandon_change();
         printf("[key_driver.set_new_srk_key_data_for_uid] error: Failed to find key type 'srk' for "
                "UID %s\n",
                uid);
-        return ABANDONED;
+        return abandoned;
     }
     xmlNodePtr source =
         find_node_from_input_root(xmlDocGetRootElement(document), NULL, as_xml(handle), NULL, NULL);
     if (source == NULL) {
+        const Change abandoned = abandon_change();
         printf("[key_driver.set_new_srk_key_data_for_uid] error: Failed to find key with handle "
                "%s\n",
                handle);
-        return ABANDONED;
+        return abandoned;
     }
     xmlNodePtr srk_key = find_element(srk, XML_NodeName_KEY);
     if (srk_key == NULL) {
+        const Change abandoned = abandon_change();
         printf("[key_driver.set_new_srk_key_data_for_uid] error: Missing key data for handle %s\n",
                handle); // the field is missing in the "srk" record; the text is what it is
-        return ABANDONED;
+        return abandoned;
     }
     const xmlChar* key = getRawKeyFromNode(source);
     if (key == NULL) {
+        const Change abandoned = abandon_change();
         printf("[key_driver.set_new_srk_key_data_for_uid] error: Missing key data field for srk "
                "with UID %s\n",
                uid);
-        return ABANDONED;
+        return abandoned;
     }
     if (!set_text(srk_key, as_chars(key))) {
+        const Change abandoned = abandon_change();
         puts("[key_driver.set_new_srk_key_data_for_uid] error: could not replace key");
-        return ABANDONED;
+        return abandoned;
     }
     return CHANGED;
 }

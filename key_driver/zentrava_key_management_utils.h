@@ -14,9 +14,11 @@
  *     </key_content>
  *
  * Search. The first record in document order that matches is taken, at any depth below the root,
- * but not inside another record. Texts are compared exactly. "uid" must stand before "key_name": a
- * record with the two exchanged is not found by them. An element without text (empty, or with a
- * comment, an element or an entity reference first) holds the empty text.
+ * but not inside another record, nor in what an entity reference stands for. Texts are compared
+ * exactly. "uid" must stand before "key_name": a record with the two exchanged is not found by
+ * them. An element without text (empty, or with a comment, an element or an entity reference first)
+ * holds the empty text. A root that is itself a record is found as well; it takes no new records,
+ * and is emptied where another would be deleted.
  *
  * Key text. Hexadecimal, either case. The two lengths in use are 64 characters (a 32-byte key) and
  * 128 (a 64-byte one).
@@ -35,13 +37,15 @@
  * Volatile keys live in a tree in memory until they are deleted or the process ends.
  *
  * Results. 0 is success, 1 is any failure; presence tests return a boolean. Messages go to standard
- * output; they are quoted below as they are printed. libxml2's own error reports are kept off
- * standard error, which would show pieces of a malformed file, keys included.
+ * output, each as a line of its own where nothing else is said, whether its line end is quoted
+ * below or not. libxml2's own error reports are kept off standard error, which would show pieces of
+ * a malformed file, keys included.
  *
  * Saving. A store file is replaced as a whole: the new content goes to a sibling (the file's name
  * with ".saving" behind it) with the same owner and permissions, is flushed to the disk, and is
  * renamed over the file. After a kill, a power cut or a full disk the file holds the old content or
- * the new. When it could not be written (also when a signal interrupts the wait for the disk), the
+ * the new. When it could not be written (also when a signal interrupts the wait for the disk), or
+ * when it could not be read again exactly (because of the file's own declarations or encoding), the
  * file is as it was, and the operation returns 1 after
  *   "[%s] error: could not save file %s\n"                with the operation's name and the file's
  * A symbolic link stays one: the file that it leads to is replaced. Of a file with several hard
@@ -320,7 +324,8 @@ uint32_t delete_crk(const char* uid);
  *   "[copy_prv_key] error: no key with found with  uid=%s; key name=%s\n"    the file is rewritten
  *   "[copy_prv_key] error: Failed to extract key data from key with uid=%s; key name=%s\n"
  *   "[copy_prv_key] error: could not get new key handle"                          no memory
- *   "[copy_prv_key] error: could not add a key record\n"                          no memory
+ *   "[copy_prv_key] error: could not add a key record\n"     no memory, or the root is itself a
+ *                                             record: the search would not look inside
  *   "[copy_prv_key] error: could not save file %s\n"
  *
  * Locking: the store's mutex and the lock between processes, from before the read to after the

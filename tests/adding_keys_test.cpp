@@ -3,6 +3,7 @@
 #include "tests/support/handle_failure.h"
 
 #include "tests/support/changing_store.h"
+#include "tests/support/locks_at_print.h"
 #include "tests/support/xml_reader.h"
 
 #include <gtest/gtest.h>
@@ -203,6 +204,14 @@ TEST_F(AddVolatileKey, ReadsBothFilesWithoutAnyLockAndCleansUpOnce)
     EXPECT_EQ(steps_of([&] { return add_volatile_key("ab", handle_.data(), handle_.size()); }),
               as_built({"read key_contents_pub.xml", "free", "read key_contents_prv.xml", "free",
                         "clean up"}));
+}
+
+TEST_F(AddVolatileKey, DoesNotCleanUpWhenNoFileCanBeRead)
+{
+    std::filesystem::remove(PUBLIC_FILE);
+    std::filesystem::remove(PRIVATE_FILE);
+    EXPECT_EQ(steps_of([&] { return add_volatile_key("ab", handle_.data(), handle_.size()); }),
+              (Events{"read key_contents_pub.xml", "read key_contents_prv.xml"}));
 }
 
 TEST_F(AddVolatileKey, TakesNoLock)
@@ -1106,6 +1115,17 @@ TEST_P(AddNonvolatileBasedKey, SavesADuplicateUnderTheLocksAndThenCleansUpAndPau
     EXPECT_EQ(steps_of([] { return call(UID.c_str(), "n", KEY.c_str(), nullptr, false); }),
               as_built({"read " + file + BOTH_LOCKS, "save " + file + BOTH_LOCKS, "free",
                         "clean up", "sleep"}));
+}
+
+TEST_P(AddNonvolatileBasedKey, GivesTheLocksBackBeforeItReportsAFileThatCannotBeUsed)
+{
+    const auto add_one = [] {
+        return prints_with_locks_held([] { call(UID.c_str(), "n", KEY.c_str(), nullptr, false); });
+    };
+    documents_seem_rootless = true;
+    EXPECT_FALSE(add_one()) << "no root";
+    std::filesystem::remove(file_name());
+    EXPECT_FALSE(add_one()) << "unreadable";
 }
 
 TEST_P(AddNonvolatileBasedKey, GivesTheLocksBackOnEveryFailure)

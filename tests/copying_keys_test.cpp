@@ -3,6 +3,7 @@
 #include "tests/support/handle_failure.h"
 
 #include "tests/support/changing_store.h"
+#include "tests/support/locks_at_print.h"
 #include "tests/support/xml_reader.h"
 
 #include <gtest/gtest.h>
@@ -107,6 +108,12 @@ TEST_F(CopyPrivateKey, RefusesAnEmptyUidBeforeItTouchesTheFile)
     EXPECT_EQ(copy("", "n", "c"),
               refused("[copy_prv_key] error: length of input parameter uid is not valid\n"));
     EXPECT_EQ(store_events, Events());
+}
+
+TEST_F(CopyPrivateKey, LooksAtTheLengthOfTheUidBeforeItLooksAtTheTexts)
+{
+    EXPECT_EQ(copy("", "n", "\xFF"),
+              refused("[copy_prv_key] error: length of input parameter uid is not valid\n"));
 }
 
 TEST_F(CopyPrivateKey, TakesNoLockForArgumentsThatItRefuses)
@@ -341,6 +348,25 @@ TEST_F(CopyPrivateKey, HoldsTheLocksFromTheReadToTheSaveAndThenCleansUp)
                         "read key_contents_pub.xml" + BOTH_LOCKS, "free" + BOTH_LOCKS,
                         "read key_contents_prv.xml" + BOTH_LOCKS, "free" + BOTH_LOCKS,
                         "save key_contents_prv.xml" + BOTH_LOCKS, "free", "clean up"}));
+}
+
+TEST_F(CopyPrivateKey, GivesTheLocksBackBeforeItReportsAFailureThatSavesNothing)
+{
+    const auto copy_over = [] {
+        return prints_with_locks_held([] { copy_private_key(DEVICE_UID, "n", "c"); });
+    };
+    EXPECT_TRUE(copy_over()) << "no such key: the file is saved";
+    write_private(record(UID, "c", "1", KEY));
+    EXPECT_FALSE(copy_over()) << "the name exists";
+    write_private(record(UID, "n", "1", ""));
+    EXPECT_FALSE(copy_over()) << "no key text";
+    saving_fails = true;
+    write_private(record(UID, "n", "1", KEY));
+    EXPECT_FALSE(copy_over()) << "cannot save";
+    documents_seem_rootless = true;
+    EXPECT_FALSE(copy_over()) << "no root";
+    write_file(PRIVATE_FILE, "");
+    EXPECT_FALSE(copy_over()) << "unreadable";
 }
 
 TEST_F(CopyPrivateKey, CleansUpWhenTheNameExists)
@@ -594,6 +620,25 @@ TEST_F(SetNewSrkKeyData, HoldsTheLocksFromTheReadToTheSaveAndThenCleansUp)
     EXPECT_EQ(steps_of([] { return set_new_srk_key_data_for_uid(DEVICE_UID, "2"); }),
               as_built({"read key_contents_prv.xml" + BOTH_LOCKS,
                         "save key_contents_prv.xml" + BOTH_LOCKS, "free", "clean up"}));
+}
+
+TEST_F(SetNewSrkKeyData, GivesTheLocksBackBeforeItReportsAFailure)
+{
+    const auto overwrite_by = [](const std::string& records) {
+        write_private(records);
+        return prints_with_locks_held([] { set_new_srk_key_data_for_uid(DEVICE_UID, "2"); });
+    };
+    const std::string srk = record(UID, "srk", "1", OLD_KEY);
+    EXPECT_FALSE(overwrite_by("")) << "no srk";
+    EXPECT_FALSE(overwrite_by(srk)) << "no such handle";
+    EXPECT_FALSE(overwrite_by("<key_content><uid>" + UID +
+                              "</uid><key_name>srk</key_name></key_content>" +
+                              record(UID, "n", "2", KEY)))
+        << "no key element";
+    EXPECT_FALSE(overwrite_by(srk + record(UID, "n", "2", ""))) << "no key text";
+    EXPECT_FALSE(overwrite_by("<")) << "unreadable";
+    saving_fails = true;
+    EXPECT_FALSE(overwrite_by(srk + record(UID, "n", "2", KEY))) << "cannot save";
 }
 
 TEST_F(SetNewSrkKeyData, DoesNotCleanUpWhenItFails)

@@ -357,6 +357,29 @@ TEST_F(SavePermissionsAsRoot, OverwriteInPlaceWhereTheOwnerCannotBeKept)
     EXPECT_EQ(status_of(PRIVATE_FILE).st_mode, before.st_mode);
 }
 
+// In a user namespace without a number for him, as a container has it for the users of its host.
+TEST_F(SavePermissionsAsRoot, OverwriteInPlaceWhereTheOwnerHasNoNumber)
+{
+    ASSERT_EQ(chmod(".", 0777), 0);
+    ASSERT_EQ(chown(PRIVATE_FILE, OWNER, GROUP), 0);
+    ASSERT_EQ(chmod(PRIVATE_FILE, 0666), 0);
+    const struct stat before = status_of(PRIVATE_FILE);
+    const int not_permitted = 125;
+    const Ending ending = run_in_child([&] {
+        if (unshare(CLONE_NEWUSER) != 0) {
+            return not_permitted;
+        }
+        write_file("/proc/self/uid_map", "0 0 1");
+        return static_cast<int>(add("added"));
+    });
+    if (ending.code == not_permitted) {
+        GTEST_SKIP() << "a user namespace is not permitted here";
+    }
+    expect_saved_in_place(ending, before.st_ino);
+    EXPECT_EQ(status_of(PRIVATE_FILE).st_uid, OWNER);
+    EXPECT_EQ(status_of(PRIVATE_FILE).st_mode, before.st_mode);
+}
+
 TEST_F(SavePermissionsAsRoot, OverwriteInPlaceInADirectoryThatIsNotWritable)
 {
     ASSERT_EQ(chown(PRIVATE_FILE, OWNER, GROUP), 0);

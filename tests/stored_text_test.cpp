@@ -593,6 +593,101 @@ TEST_F(RefusedLength, DoesNotConcernTextsThatAreLookedFor)
 }
 
 // ---------------------------------------------------------------------------------------------
+// Files that libxml2 reads, but does not write so that it could read them again
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+struct UnsafeFile {
+    const char* name;
+    const char* beginning;
+    const char* text; // one that goes wrong
+};
+
+const char* const SAFE_TEXT = "safe";
+
+const UnsafeFile UNSAFE_FILES[] = {
+    {"DefaultValueWithMarkup", "<!DOCTYPE keys [<!ATTLIST keys a CDATA '&lt;'>]><keys>", SAFE_TEXT},
+    {"NamespaceWithMarkup", "<keys><group xmlns:p='&lt;'/>", SAFE_TEXT},
+    {"Utf7", "<?xml version='1.0' encoding='UTF-7'?><keys>", SAFE_TEXT},
+    {"ShiftJis", "<?xml version='1.0' encoding='Shift_JIS'?><keys>", "a\\b"},
+};
+
+// Declarations that libxml2 writes well, among them of entities that grow when they are expanded or
+// that a careless walk through the document does not come back from.
+const std::string HARMLESS_DECLARATIONS[] = {
+    "<!DOCTYPE keys>",
+    "<!DOCTYPE keys [<!ATTLIST keys a CDATA '&amp;&quot;\"'>]>",
+    "<!DOCTYPE keys [<!ENTITY a 'x'><!ENTITY b '&a;'>]>",
+    "<!DOCTYPE keys [<!ENTITY a 'x'><!ENTITY b '&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;'>"
+    "<!ENTITY c '&b;&b;&b;&b;&b;&b;&b;&b;&b;&b;'>]>",
+};
+
+const Outcome NOT_SAVED = {
+    1, "[copy_prv_key] error: could not save file key_contents_prv.xml\n", {}, {}};
+
+} // namespace
+
+class UnsafeToSave : public ChangingStore, public testing::WithParamInterface<UnsafeFile> {
+  protected:
+    void SetUp() override
+    {
+        ChangingStore::SetUp();
+        write_file(PRIVATE_FILE, GetParam().beginning + record(UID, "n", "1", KEY) + "</keys>");
+        if (!contains_key(DEVICE_UID, "n")) {
+            GTEST_SKIP() << "this encoding is not known here";
+        }
+    }
+
+    static Outcome copy(const char* copy_name)
+    {
+        return outcome_of([&] { return copy_private_key(DEVICE_UID, "n", copy_name); });
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Because, UnsafeToSave, testing::ValuesIn(UNSAFE_FILES),
+                         [](const auto& test) { return test.param.name; });
+
+TEST_P(UnsafeToSave, IsLeftAsItIsRatherThanSpoiled)
+{
+    EXPECT_EQ(copy(GetParam().text), NOT_SAVED);
+    EXPECT_EQ(outcome_of([] {
+                  return add_nonvolatile_based_key(DEVICE_UID, "m", KEY.c_str(), GetParam().text,
+                                                   true, false);
+              }),
+              (Outcome{1,
+                       "[add_nonvolatile_based_key] error: could not save file "
+                       "key_contents_prv.xml\n",
+                       {},
+                       {5}}));
+    EXPECT_TRUE(contains_key(DEVICE_UID, "n"));
+    EXPECT_FALSE(lock_is_held());
+}
+
+using SafeToSave = ChangingStore;
+
+TEST_F(SafeToSave, IsAFileOfHarmlessDeclarations)
+{
+    const Deadline deadline(60);
+    for (const std::string& declarations : HARMLESS_DECLARATIONS) {
+        const bool has_entities = declarations.find("ENTITY") != std::string::npos;
+        write_file(PRIVATE_FILE, declarations + "<keys>" + record(UID, "n", "1", KEY) + "text" +
+                                     (has_entities ? "&b;&a;<m>&b;</m>" : "") +
+                                     "<![CDATA[]]> </keys>");
+        EXPECT_EQ(copy_private_key(DEVICE_UID, "n", "c"), 0U) << declarations;
+        EXPECT_TRUE(contains_key(DEVICE_UID, "c")) << declarations;
+        EXPECT_EQ(delete_key_by_key_type(DEVICE_UID, "n"), 0U) << declarations;
+    }
+}
+
+TEST_P(UnsafeToSave, IsSavedWhenNothingGoesWrong)
+{
+    const bool goes_wrong = std::string(GetParam().text) == SAFE_TEXT;
+    EXPECT_EQ(copy(SAFE_TEXT).result, goes_wrong ? 1U : 0U);
+    EXPECT_EQ(contains_key(DEVICE_UID, SAFE_TEXT), !goes_wrong);
+}
+
+// ---------------------------------------------------------------------------------------------
 // The longest texts
 // ---------------------------------------------------------------------------------------------
 

@@ -9,10 +9,13 @@
 #include <stdlib.h>
 #include <string.h>
 
-// As xmlStrcmp compares, by the C library's function, which looks at whole words: a search compares
-// every record's texts.
+// As xmlStrcmp compares, null included, but by the C library's function, which looks at whole words:
+// a search compares every record's texts.
 bool is_same_text(const xmlChar* a, const xmlChar* b)
 {
+    if (a == NULL || b == NULL) {
+        return a == b;
+    }
     return a[0] == b[0] && strcmp(as_chars(a), as_chars(b)) == 0;
 }
 

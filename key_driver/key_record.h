@@ -23,6 +23,7 @@ inline const char* as_chars(const xmlChar* text)
     return reinterpret_cast<const char*>(text);
 }
 
+// Null, the name of some kinds of node, is the same as null alone.
 bool is_same_text(const xmlChar* a, const xmlChar* b);
 
 // Names are compared whatever the type of the node; a text or comment node is never called "uid".

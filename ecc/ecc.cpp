@@ -19,10 +19,10 @@
 
 // The compiler's own measure leaves some of the small operations as calls, which costs more than
 // their work does.
-#define ALWAYS_INLINE inline __attribute__((always_inline))
+#define ALWAYS_INLINE inline __attribute__((always_inline, unused))
 
 // Copies of these in every point formula would double and triple the code and gain nothing.
-#define NEVER_INLINE __attribute__((noinline))
+#define NEVER_INLINE __attribute__((noinline, unused))
 
 typedef unsigned int uint;
 static_assert(sizeof(uint) == 4, "bit counts are 32-bit numbers");
@@ -402,17 +402,34 @@ static ALWAYS_INLINE void vli_mmod_fast(uint64_t* p_result, const uint64_t* p_pr
     correct(p_result, l_carry);
 }
 
+// The result may be either operand.
+static NEVER_INLINE void vli_modMult_fast(uint64_t* p_result, const uint64_t* p_left,
+                                          const uint64_t* p_right)
+{
+    uint64_t l_product[2 * VLI_DIGITS];
+    vli_mult(l_product, p_left, p_right);
+    vli_mmod_fast(p_result, l_product);
+}
+
+// The result may be the operand.
+static NEVER_INLINE void vli_modSquare_fast(uint64_t* p_result, const uint64_t* p_left)
+{
+    uint64_t l_product[2 * VLI_DIGITS];
+    vli_square(l_product, p_left);
+    vli_mmod_fast(p_result, l_product);
+}
+
 // Modulo curve_p.
 static ALWAYS_INLINE void vli_modAdd_fast(uint64_t* p_result, const uint64_t* p_left,
                                           const uint64_t* p_right)
 {
-    vli_modAdd_fast(p_result, p_left, p_right);
+    vli_modAdd(p_result, p_left, p_right, curve_p);
 }
 
 static ALWAYS_INLINE void vli_modSub_fast(uint64_t* p_result, const uint64_t* p_left,
                                           const uint64_t* p_right)
 {
-    vli_modSub_fast(p_result, p_left, p_right);
+    vli_modSub(p_result, p_left, p_right, curve_p);
 }
 
 } // namespace portable
@@ -614,23 +631,6 @@ static int getRandomNumber(uint64_t* p_vli)
 //
 // Arithmetic modulo curve_p.
 
-// The result may be either operand.
-static NEVER_INLINE void vli_modMult_fast(uint64_t* p_result, const uint64_t* p_left,
-                                          const uint64_t* p_right)
-{
-    uint64_t l_product[2 * VLI_DIGITS];
-    vli_mult(l_product, p_left, p_right);
-    vli_mmod_fast(p_result, l_product);
-}
-
-// The result may be the operand.
-static NEVER_INLINE void vli_modSquare_fast(uint64_t* p_result, const uint64_t* p_left)
-{
-    uint64_t l_product[2 * VLI_DIGITS];
-    vli_square(l_product, p_left);
-    vli_mmod_fast(p_result, l_product);
-}
-
 // The square root a^((p + 1) / 4), p being 3 modulo 4 (SEC 1, section 2.3.4). Of a number that is
 // no square it is a root of p - a.
 static void mod_sqrt(uint64_t* a)
@@ -682,18 +682,18 @@ static inline void EccPoint_double_jacobian(uint64_t* X1, uint64_t* Y1, uint64_t
     uint64_t t4[VLI_DIGITS];
     uint64_t t5[VLI_DIGITS];
 
-    vli_modSquare_fast(t4, Y1);      // y^2
-    vli_modMult_fast(t5, X1, t4);    // A = x y^2
-    vli_modSquare_fast(t4, t4);      // y^4
-    vli_modMult_fast(Y1, Y1, Z1);    // z' = y z
-    vli_modSquare_fast(Z1, Z1);      // z^2
-    vli_modAdd_fast(X1, X1, Z1); // x + z^2
-    vli_modAdd_fast(Z1, Z1, Z1); // 2 z^2
-    vli_modSub_fast(Z1, X1, Z1); // x - z^2
-    vli_modMult_fast(X1, X1, Z1);    // x^2 - z^4
+    vli_modSquare_fast(t4, Y1);   // y^2
+    vli_modMult_fast(t5, X1, t4); // A = x y^2
+    vli_modSquare_fast(t4, t4);   // y^4
+    vli_modMult_fast(Y1, Y1, Z1); // z' = y z
+    vli_modSquare_fast(Z1, Z1);   // z^2
+    vli_modAdd_fast(X1, X1, Z1);  // x + z^2
+    vli_modAdd_fast(Z1, Z1, Z1);  // 2 z^2
+    vli_modSub_fast(Z1, X1, Z1);  // x - z^2
+    vli_modMult_fast(X1, X1, Z1); // x^2 - z^4
     vli_modAdd_fast(Z1, X1, X1);
     vli_modAdd_fast(X1, X1, Z1); // 3 (x^2 - z^4)
-    vli_modHalve(X1, curve_p);       // B
+    vli_modHalve(X1, curve_p);   // B
     vli_modSquare_fast(Z1, X1);
     vli_modSub_fast(Z1, Z1, t5);
     vli_modSub_fast(Z1, Z1, t5); // x' = B^2 - 2A
@@ -741,16 +741,16 @@ static void XYcZ_add(uint64_t* X1, uint64_t* Y1, uint64_t* X2, uint64_t* Y2)
     uint64_t t5[VLI_DIGITS];
 
     vli_modSub_fast(t5, X2, X1);
-    vli_modSquare_fast(t5, t5);      // A
-    vli_modMult_fast(X1, X1, t5);    // B
-    vli_modMult_fast(X2, X2, t5);    // K
-    vli_modSub_fast(Y2, Y2, Y1); // Y2 - Y1
-    vli_modSquare_fast(t5, Y2);      // D
+    vli_modSquare_fast(t5, t5);   // A
+    vli_modMult_fast(X1, X1, t5); // B
+    vli_modMult_fast(X2, X2, t5); // K
+    vli_modSub_fast(Y2, Y2, Y1);  // Y2 - Y1
+    vli_modSquare_fast(t5, Y2);   // D
     vli_modSub_fast(t5, t5, X1);
-    vli_modSub_fast(t5, t5, X2); // X3 = D - B - K
-    vli_modSub_fast(X2, X2, X1); // K - B
-    vli_modMult_fast(Y1, Y1, X2);    // Y1 (K - B)
-    vli_modSub_fast(X2, X1, t5); // B - X3
+    vli_modSub_fast(t5, t5, X2);  // X3 = D - B - K
+    vli_modSub_fast(X2, X2, X1);  // K - B
+    vli_modMult_fast(Y1, Y1, X2); // Y1 (K - B)
+    vli_modSub_fast(X2, X1, t5);  // B - X3
     vli_modMult_fast(Y2, Y2, X2);
     vli_modSub_fast(Y2, Y2, Y1); // Y3
     vli_set(X2, t5);
@@ -766,22 +766,22 @@ static void XYcZ_addC(uint64_t* X1, uint64_t* Y1, uint64_t* X2, uint64_t* Y2)
     uint64_t t7[VLI_DIGITS];
 
     vli_modSub_fast(t5, X2, X1);
-    vli_modSquare_fast(t5, t5);      // A
-    vli_modMult_fast(X1, X1, t5);    // B
-    vli_modMult_fast(X2, X2, t5);    // K
-    vli_modAdd_fast(t5, Y2, Y1); // Y2 + Y1
-    vli_modSub_fast(Y2, Y2, Y1); // Y2 - Y1
-    vli_modSub_fast(t6, X2, X1); // K - B
-    vli_modMult_fast(Y1, Y1, t6);    // Y1 (K - B)
-    vli_modAdd_fast(t6, X1, X2); // B + K
-    vli_modSquare_fast(X2, Y2);      // D
-    vli_modSub_fast(X2, X2, t6); // X3 = D - B - K
+    vli_modSquare_fast(t5, t5);   // A
+    vli_modMult_fast(X1, X1, t5); // B
+    vli_modMult_fast(X2, X2, t5); // K
+    vli_modAdd_fast(t5, Y2, Y1);  // Y2 + Y1
+    vli_modSub_fast(Y2, Y2, Y1);  // Y2 - Y1
+    vli_modSub_fast(t6, X2, X1);  // K - B
+    vli_modMult_fast(Y1, Y1, t6); // Y1 (K - B)
+    vli_modAdd_fast(t6, X1, X2);  // B + K
+    vli_modSquare_fast(X2, Y2);   // D
+    vli_modSub_fast(X2, X2, t6);  // X3 = D - B - K
 
     vli_modSub_fast(t7, X1, X2); // B - X3
     vli_modMult_fast(Y2, Y2, t7);
     vli_modSub_fast(Y2, Y2, Y1); // Y3
 
-    vli_modSquare_fast(t7, t5);      // F
+    vli_modSquare_fast(t7, t5);  // F
     vli_modSub_fast(t7, t7, t6); // X3' = F - B - K
     vli_modSub_fast(t6, t7, X1); // X3' - B
     vli_modMult_fast(t6, t6, t5);

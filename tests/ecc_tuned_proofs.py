@@ -54,17 +54,17 @@ class Path_:
     def __init__(self, memory):
         self.registers = {}
         self.memory = memory
-        self.carry = self.zero = self.negative = None
+        self.carry = self.carry_digit = self.zero = self.negative = None
         self.known = []
         self.products = {}
         self.count = 0
         self.place = 0
         self.stores = 0
-        self.counter = None
+        self.taken = 0  # multiples of p that are taken off the result
 
     def copy(self):
         other = Path_(dict(self.memory))
-        for name in ("carry", "zero", "negative", "count", "place", "stores", "counter"):
+        for name in ("carry", "carry_digit", "zero", "negative", "count", "place", "stores", "taken"):
             setattr(other, name, getattr(self, name))
         other.registers = dict(self.registers)
         other.known = list(self.known)
@@ -138,6 +138,8 @@ def execute(lines, arguments, memory, signed_counter=range(-4, 8)):
                 todo += by_counter(path, operands, signed_counter)
                 break
             step(path, operation, operands)
+            # The one instruction that only SUBTRACT_P has, and the one that only ADD_P has.
+            path.taken += {"sbcs r10, r10, #1": 1, "adcs r10, r10, #1": -1}.get(line, 0)
             if operation == "pop" and "pc" in operands[0]:
                 ended.append(path)
                 break
@@ -163,7 +165,7 @@ def by_counter(path, operands, values):
     for number in values:
         way = path.copy()
         way.known.append(value == number)
-        way.counter = number
+        way.taken = number
         way.registers[source] = number
         way.registers[destination] = -1 if number < 0 else 0
         ways.append(way)
@@ -176,6 +178,10 @@ def step(path, operation, operands):
     def value(operand):
         return int(operand[1:]) if operand.startswith("#") else r[operand]
 
+    def set_flags(word, carry):
+        path.carry, path.carry_digit = carry == 1, carry
+        path.zero, path.negative = word == 0, word >= WORD // 2
+
     def add(destination, left, right, carry_in, flags):
         if not flags:
             r[destination] = left + right + carry_in
@@ -183,7 +189,7 @@ def step(path, operation, operands):
         as_word = lambda x: x % WORD if isinstance(x, int) else x
         word, carry = path.split(as_word(left) + as_word(right) + carry_in, 2)
         r[destination] = word
-        path.carry, path.zero, path.negative = carry == 1, word == 0, word >= WORD // 2
+        set_flags(word, carry)
 
     def subtract(destination, left, right, borrow_in, flags):
         if not flags:
@@ -192,7 +198,7 @@ def step(path, operation, operands):
         word, borrow = path.unknown(WORD), path.unknown(2)
         path.known.append(word - WORD * borrow == left - right - borrow_in)
         r[destination] = word
-        path.carry, path.zero, path.negative = borrow == 0, word == 0, word >= WORD // 2
+        set_flags(word, 1 - borrow)
 
     if operation in ("ldm", "ldmib", "ldmdb", "ldmda", "stm", "push", "pop", "ldr", "str"):
         transfer(path, operation, operands)
@@ -204,13 +210,11 @@ def step(path, operation, operands):
         left, right = value(left), value(right)
         if same and operation == "sbc":
             left = right = 0
-        carry = None if operation in ("adds", "subs") else path.carry
+        starts, flags = operation in ("adds", "subs"), operation.endswith("s")
         if operation.startswith("ad"):
-            add(destination, left, right, 0 if carry is None else If(carry, 1, 0),
-                operation.endswith("s"))
+            add(destination, left, right, 0 if starts else path.carry_digit, flags)
         else:
-            subtract(destination, left, right, 0 if carry is None else If(carry, 0, 1),
-                     operation.endswith("s"))
+            subtract(destination, left, right, 0 if starts else 1 - path.carry_digit, flags)
     elif operation in ("add", "sub", "rsb"):
         destination, left, right = operands
         left, right = value(left), value(right)
@@ -244,6 +248,7 @@ def step(path, operation, operands):
             right, _ = path.split(2 * right, 2)
         carry = left + right >= WORD
         path.carry = carry if operation == "cmn" else Or(path.carry, carry)
+        path.carry_digit = None  # asked for by conditions only
         path.zero = left + right == WORD
     else:
         raise AssertionError("unknown instruction " + operation)
@@ -373,12 +378,16 @@ class Assembly(unittest.TestCase):
         self.prove_remainders(execute(FUNCTIONS["vli_mmod_fast"], UNARY, product),
                               list(product.values()))
 
-    def test_product_and_reduction_in_one_give_the_remainder(self):
-        for name, right in (("true_modMult", "right"), ("true_modSquare", "left")):
-            ways = self.ways_that_multiply(name)
-            product = [ways[0].memory["sp", i - 26] for i in range(16)]  # above it: 10 words saved
-            prove(ways[0].known, weighted(product) == self.true_product(ways[0], right))
-            self.prove_remainders(ways, product)
+    def test_product_and_reduction_in_one_are_the_two_of_above(self):
+        for name, product in (("true_modMult", "true_mult"), ("true_modSquare", "true_square")):
+            first, second = FUNCTIONS[product], FUNCTIONS["vli_mmod_fast"]
+            leave, give = first.index("bcs 9f") + 1, first.index("mov r0, #1")
+            restore = second.index("pop {r0}")
+            self.assertEqual(
+                FUNCTIONS[name],
+                ["push {r0, r4-r11, lr}", *first[1:leave], "sub sp, sp, #64", "mov r0, sp",
+                 *first[leave:give], "mov r1, sp", *second[1:restore], "add sp, sp, #64",
+                 *second[restore:], "9:", "mov r0, #0", "add sp, sp, #4", "pop {r4-r11, pc}"])
 
     def ways_that_multiply(self, name):
         memory = {**words("left", 8), **words("right", 8)}
@@ -393,17 +402,117 @@ class Assembly(unittest.TestCase):
                     for i in range(8) for j in range(8)])
 
     def prove_remainders(self, ways, product):
-        """Each result is below p, and differs from the sum of the terms by a multiple of p."""
+        """Each result is below p, and differs from the sum of the terms by a known multiple of p."""
         terms = sum_of_terms(product)
-        reached = 0
+        self.assertEqual(len(ways), 60)
         for way in ways:
-            if not possible(way.known):
-                continue
-            reached += 1
             result = number(way.memory, "result", 8)
             prove(way.known, And(result >= 0, result < P))
-            prove(way.known, Or([terms - result == (way.counter + m) * P for m in (-1, 0, 1)]))
-        self.assertGreater(reached, 12)
+            prove(way.known, terms - result == way.taken * P)
+
+
+class LostOverflow(unittest.TestCase):
+    """Where the assembly does not leave for the portable form, no column_add loses an overflow."""
+
+    def setUp(self):
+        self.known = []
+        memory = {**words("left", 8), **words("right", 8)}
+        self.staying = {}
+        for name in ("true_mult", "true_square"):
+            self.staying[name], = [w for w in execute(FUNCTIONS[name], BINARY, memory) if w.stores]
+
+    def products(self, way, left, i, right, j):
+        """The four products of words of two digits, as mul_64_64 adds them up."""
+        digit = lambda array, k: (way.memory[array, 2 * k], way.memory[array, 2 * k + 1])
+        (a0, a1), (b0, b1) = digit(left, i), digit(right, j)
+        return (way.product(a0, b0) + WORD * (way.product(a0, b1) + way.product(a1, b0)) +
+                WORD**2 * way.product(a1, b1))
+
+    def prove_columns(self, way, right, columns, factor):
+        """Before each addition but a column's first, the sum's high half is not all ones."""
+        for pairs in columns:
+            low = way.unknown(WORD**2)  # what the column before leaves
+            overflows = way.unknown(9)
+            total = low + WORD**2 * overflows
+            for step_, (i, j) in enumerate(pairs[:-1]):
+                doubled = factor if i != j or right == "right" else 1
+                total = total + doubled * self.products(way, "left", i, right, j)
+                above, high, rest = way.unknown(16), way.unknown(WORD**2), way.unknown(WORD**2)
+                way.known.append(total == rest + WORD**2 * high + WORD**4 * above)
+                prove(way.known, high != WORD**2 - 1, "column %s, %d" % (pairs, step_))
+
+    def test_no_overflow_is_lost_in_a_product(self):
+        columns = [[(i, k - i) for i in range(4) if 0 <= k - i <= 3] for k in range(7)]
+        self.prove_columns(self.staying["true_mult"], "right", columns, 1)
+
+    def test_no_overflow_is_lost_in_a_square(self):
+        columns = [[(i, k - i) for i in range(4) if i <= k - i <= 3] for k in range(7)]
+        self.prove_columns(self.staying["true_square"], "left", columns, 2)
+
+    def test_elsewhere_the_column_sum_counts_each_overflow(self):
+        # A sum of two digits each, a carry between them, as add_128_128 and column_add have it.
+        low, high, add_low, add_high = (BitVec(n, 64) for n in ("l", "h", "al", "ah"))
+        new_low = low + add_low
+        new_high = high + add_high + If(ULT(new_low, low), BitVecVal(1, 64), BitVecVal(0, 64))
+        wide = lambda h, l: ZeroExt(1, Concat(h, l))
+        true_sum = wide(high, low) + wide(add_high, add_low)
+        prove([], Extract(127, 0, true_sum) == Concat(new_high, new_low))
+        counted = ULT(new_high, add_high)
+        overflowed = Extract(128, 128, true_sum) == 1
+        prove([high != BitVecVal(2**64 - 1, 64)], counted == overflowed)
+        prove([], Implies(counted, overflowed))
+
+
+class Digits(unittest.TestCase):
+    """What the 128-bit integers and the additions with carry of x86-64 rest on."""
+
+    def test_the_portable_carry_is_the_true_one(self):
+        left, right, carry = BitVec("left", 64), BitVec("right", 64), BitVec("carry", 64)
+        known = [ULT(carry, BitVecVal(2, 64))]
+        total = left + right + carry
+        kept = If(total != left, If(ULT(total, left), BitVecVal(1, 64), BitVecVal(0, 64)), carry)
+        true_sum = ZeroExt(1, left) + ZeroExt(1, right) + ZeroExt(1, carry)
+        prove(known, Concat(Extract(0, 0, kept), total) == true_sum)
+        prove(known, ULT(kept, BitVecVal(2, 64)))
+
+    def test_the_portable_borrow_is_the_true_one(self):
+        left, right, borrow = BitVec("left", 64), BitVec("right", 64), BitVec("borrow", 64)
+        known = [ULT(borrow, BitVecVal(2, 64))]
+        rest = left - right - borrow
+        kept = If(rest != left, If(ULT(left, rest), BitVecVal(1, 64), BitVecVal(0, 64)), borrow)
+        true_rest = ZeroExt(1, left) - ZeroExt(1, right) - ZeroExt(1, borrow)
+        prove(known, Concat(Extract(0, 0, kept), rest) == true_rest)
+        prove(known, ULT(kept, BitVecVal(2, 64)))
+
+    def test_the_portable_product_of_two_digits_is_the_true_one(self):
+        m0, m1, m2, m3 = (Int("m%d" % i) for i in range(4))
+        greatest = (WORD - 1)**2
+        known = [c for m in (m0, m1, m2, m3) for c in (m >= 0, m <= greatest)]
+        m0_low, m0_high, low, high, wrap = (Int(n) for n in ("m0l", "m0h", "low", "high", "wrap"))
+        known += [m0 == m0_low + WORD * m0_high, m0_low >= 0, m0_low < WORD, m0_high >= 0]
+        first = m2 + m0_high
+        prove(known, first < WORD**2, "only the second addition can overflow")
+        middle = first + m1 - WORD**2 * wrap
+        known += [wrap >= 0, wrap <= 1, middle >= 0, middle < WORD**2,
+                  middle == low + WORD * high, low >= 0, low < WORD, high >= 0]
+        prove(known, (wrap == 1) == (middle < m1))
+        result = m0_low + WORD * low + WORD**2 * (m3 + WORD * wrap + high)
+        prove(known, result == m0 + WORD * (m1 + m2) + WORD**2 * m3)
+        prove(known, m3 + WORD * wrap + high < WORD**2 + WORD)
+
+    def test_doubling_a_product_is_a_shift_of_both_halves(self):
+        low, high = BitVec("low", 64), BitVec("high", 64)
+        doubled = ZeroExt(1, Concat(high, low)) << 1
+        halves = Concat(high << 1 | LShR(low, 63), low << 1)
+        prove([], Concat(Extract(0, 0, LShR(high, 63)), halves) == doubled)
+
+    def test_the_words_that_take_in_the_counter_are_its_multiple(self):
+        for q in range(-4, 8):
+            s, n = (-1 if q < 0 else 0), (-1 if q > 0 else 0)
+            pair = lambda low, high: high % WORD * WORD + low % WORD
+            digits = [pair(q, s), pair(s, s - q), pair(n, n), pair(n - q, n + q)]
+            multiple = sum(digit * WORD**(2 * i) for i, digit in enumerate(digits)) + s * 2**256
+            self.assertEqual(multiple, q * (2**256 - P))
 
 
 if __name__ == "__main__":

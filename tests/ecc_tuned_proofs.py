@@ -13,8 +13,8 @@ import subprocess
 import unittest
 from pathlib import Path
 
-from z3 import (And, BitVec, BitVecVal, Concat, Extract, If, Implies, Int, IntVal, LShR, Not, Or,
-                Solver, Sum, ULT, UGE, ZeroExt, is_int_value, sat, simplify, unsat)
+from z3 import (And, BitVec, BitVecVal, Concat, Extract, If, Implies, Int, LShR, Not, Or, Solver,
+                Sum, ULT, ZeroExt, sat, unsat)
 
 ROOT = Path(__file__).resolve().parent.parent
 WORD = 2**32
@@ -45,7 +45,7 @@ def register_list(text):
     return names
 
 
-class Path_:
+class Way:
     """One way through a function: registers, memory, flags, and what is known of the unknowns.
 
     A register holds an integer, an expression or a pointer: the name of an array and a word's index.
@@ -60,11 +60,13 @@ class Path_:
         self.count = 0
         self.place = 0
         self.stores = 0
+        self.counter = self.found = self.above = None
         self.taken = 0  # multiples of p that are taken off the result
 
     def copy(self):
-        other = Path_(dict(self.memory))
-        for name in ("carry", "carry_digit", "zero", "negative", "count", "place", "stores", "taken"):
+        other = Way(dict(self.memory))
+        for name in ("carry", "carry_digit", "zero", "negative", "count", "place", "stores", "taken", "counter",
+                     "found", "above"):
             setattr(other, name, getattr(self, name))
         other.registers = dict(self.registers)
         other.known = list(self.known)
@@ -105,7 +107,7 @@ def execute(lines, arguments, memory, signed_counter=range(-4, 8)):
 
     Where a sign is taken of a counter (`asr` of lr), each value that the counter may have becomes a
     way of its own; that it has no other is proved on the spot."""
-    start = Path_(dict(memory))
+    start = Way(dict(memory))
     for name in REGISTERS:
         start.registers[name] = (name, 0)  # the caller's values: restored, never looked at
     for name, value in arguments.items():
@@ -127,6 +129,9 @@ def execute(lines, arguments, memory, signed_counter=range(-4, 8)):
                     continue
                 flag, wanted = CONDITIONS[operation]
                 condition = getattr(path, flag)
+                if isinstance(condition, bool):
+                    path.place = taken if condition == wanted else path.place
+                    continue
                 other = path.copy()
                 other.place = taken
                 other.known.append(condition if wanted else Not(condition))
@@ -136,6 +141,9 @@ def execute(lines, arguments, memory, signed_counter=range(-4, 8)):
             operands = re.findall(r"\{[^}]*\}|\[[^\]]*\]|[^,\s]+!?", rest)
             if operation == "asr":
                 todo += by_counter(path, operands, signed_counter)
+                break
+            if operation == "adcs" and isinstance(path.registers[operands[1]], int):
+                todo += by_carry(path, operands)
                 break
             step(path, operation, operands)
             # The one instruction that only SUBTRACT_P has, and the one that only ADD_P has.
@@ -165,9 +173,24 @@ def by_counter(path, operands, values):
     for number in values:
         way = path.copy()
         way.known.append(value == number)
-        way.taken = number
+        way.taken = way.counter = number
         way.registers[source] = number
         way.registers[destination] = -1 if number < 0 else 0
+        ways.append(way)
+    return ways
+
+
+def by_carry(path, operands):
+    """A number and a carry: a way for each carry, after which the flags are known."""
+    ways = []
+    for carry in (0, 1):
+        way = path.copy()
+        value = way.registers[operands[1]] + int(operands[2][1:]) + carry
+        way.known.append(way.carry_digit == carry)
+        way.registers[operands[0]] = value
+        way.zero, way.negative = value == 0, value < 0
+        way.above = value
+        way.found = weighted([way.registers["r%d" % i] for i in range(4, 12)])
         ways.append(way)
     return ways
 
@@ -404,11 +427,21 @@ class Assembly(unittest.TestCase):
     def prove_remainders(self, ways, product):
         """Each result is below p, and differs from the sum of the terms by a known multiple of p."""
         terms = sum_of_terms(product)
-        self.assertEqual(len(ways), 60)
+        self.assertEqual(len(ways), 12 * 4)
         for way in ways:
             result = number(way.memory, "result", 8)
-            prove(way.known, And(result >= 0, result < P))
             prove(way.known, terms - result == way.taken * P)
+            # Below p: by what the correction did to the sum that it found.
+            found, above, corrections = way.found, way.above, way.taken - way.counter
+            corrected = result == found + 2**256 * above - corrections * P
+            prove(way.known, corrected)
+            if above == 0 and corrections == 0:
+                prove(way.known, found < P)
+                prove([corrected, found < P], result < P)
+            elif above < 0:
+                prove([corrected, found < 2**256], result < P)
+            else:
+                prove(way.known, result < P)
 
 
 class LostOverflow(unittest.TestCase):
@@ -432,10 +465,10 @@ class LostOverflow(unittest.TestCase):
         """Before each addition but a column's first, the sum's high half is not all ones."""
         for pairs in columns:
             low = way.unknown(WORD**2)  # what the column before leaves
-            overflows = way.unknown(9)
+            overflows = way.unknown(9)  # of four additions and two doublings at most
             total = low + WORD**2 * overflows
             for step_, (i, j) in enumerate(pairs[:-1]):
-                doubled = factor if i != j or right == "right" else 1
+                doubled = factor if i != j else 1
                 total = total + doubled * self.products(way, "left", i, right, j)
                 above, high, rest = way.unknown(16), way.unknown(WORD**2), way.unknown(WORD**2)
                 way.known.append(total == rest + WORD**2 * high + WORD**4 * above)

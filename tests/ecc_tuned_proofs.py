@@ -306,7 +306,9 @@ def transfer(path, operation, operands):
 # ---- Proving -----------------------------------------------------------------------------------------
 
 def prove(known, claim, what=""):
+    """Fails for a counterexample, and if there is no answer: a false claim can take forever."""
     solver = Solver()
+    solver.set("timeout", 60000)
     solver.add(*known)
     solver.add(Not(claim))
     result = solver.check()

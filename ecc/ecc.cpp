@@ -19,10 +19,10 @@
 
 // The compiler's own measure leaves some of the small operations as calls, which costs more than
 // their work does.
-#define ALWAYS_INLINE inline __attribute__((always_inline))
+#define ALWAYS_INLINE inline __attribute__((always_inline, unused))
 
 // Copies of these in every point formula would double and triple the code and gain nothing.
-#define NEVER_INLINE __attribute__((noinline))
+#define NEVER_INLINE __attribute__((noinline, unused))
 
 typedef unsigned int uint;
 static_assert(sizeof(uint) == 4, "bit counts are 32-bit numbers");
@@ -142,6 +142,14 @@ static ALWAYS_INLINE void vli_rshift1(uint64_t* p_vli)
     }
 }
 
+// A 128-bit intermediate by hand: the processor aimed at multiplies 32 by 32 bits at most.
+struct uint128_t {
+    uint64_t m_low;
+    uint64_t m_high;
+};
+
+namespace portable {
+
 // Returns the carry. The result may be either operand.
 static ALWAYS_INLINE uint64_t vli_add(uint64_t* p_result, const uint64_t* p_left,
                                       const uint64_t* p_right)
@@ -175,12 +183,6 @@ static ALWAYS_INLINE uint64_t vli_sub(uint64_t* p_result, const uint64_t* p_left
     }
     return l_borrow;
 }
-
-// A 128-bit intermediate by hand: the processor aimed at multiplies 32 by 32 bits at most.
-struct uint128_t {
-    uint64_t m_low;
-    uint64_t m_high;
-};
 
 static ALWAYS_INLINE uint128_t mul_64_64(uint64_t p_left, uint64_t p_right)
 {
@@ -311,6 +313,128 @@ static ALWAYS_INLINE void vli_modSub(uint64_t* p_result, const uint64_t* p_left,
         vli_add(p_result, p_result, p_mod);
     }
 }
+
+// The fast reduction modulo curve_p is that of FIPS 186-4, appendix D.2.3: with the
+// product's sixteen 32-bit words c0 to c15, its remainder is congruent to
+// t + 2 s1 + 2 s2 + s3 + s4 - d1 - d2 - d3 - d4, where t = (c0 ... c7) and the others are these.
+
+constexpr uint VLI_WORDS = 8;
+constexpr uint NONE = 16; // no word of the product: 0
+
+// Which word of the product stands at each word of the term, least significant first.
+typedef uint ReductionTerm[VLI_WORDS];
+static constexpr ReductionTerm s1 = {NONE, NONE, NONE, 11, 12, 13, 14, 15};
+static constexpr ReductionTerm s2 = {NONE, NONE, NONE, 12, 13, 14, 15, NONE};
+static constexpr ReductionTerm s3 = {8, 9, 10, NONE, NONE, NONE, 14, 15};
+static constexpr ReductionTerm s4 = {9, 10, 11, 13, 14, 15, 13, 8};
+static constexpr ReductionTerm d1 = {11, 12, 13, NONE, NONE, NONE, 8, 10};
+static constexpr ReductionTerm d2 = {12, 13, 14, 15, NONE, NONE, 9, 11};
+static constexpr ReductionTerm d3 = {13, 14, 15, 8, 9, 10, NONE, 12};
+static constexpr ReductionTerm d4 = {14, 15, NONE, 9, 10, 11, NONE, 13};
+
+static ALWAYS_INLINE uint64_t product_word(const uint64_t* p_product, uint p_index)
+{
+    return p_index == NONE ? 0 : (p_product[p_index / 2] >> (32 * (p_index % 2))) & 0xFFFFFFFF;
+}
+
+static ALWAYS_INLINE void set_term(uint64_t* p_term, const uint64_t* p_product,
+                                   const ReductionTerm& p_words)
+{
+#pragma GCC unroll 4
+    for (size_t i = 0; i < VLI_DIGITS; ++i) {
+        p_term[i] = product_word(p_product, p_words[2 * i]) |
+                    (product_word(p_product, p_words[2 * i + 1]) << 32);
+    }
+}
+
+// The functions for one term return what it changes in the counter of whole 2^256.
+static ALWAYS_INLINE int add_term(uint64_t* p_result, const uint64_t* p_product,
+                                  const ReductionTerm& p_words)
+{
+    uint64_t l_tmp[VLI_DIGITS];
+    set_term(l_tmp, p_product, p_words);
+    return static_cast<int>(vli_add(p_result, p_result, l_tmp));
+}
+
+static ALWAYS_INLINE int add_term_twice(uint64_t* p_result, const uint64_t* p_product,
+                                        const ReductionTerm& p_words)
+{
+    uint64_t l_tmp[VLI_DIGITS];
+    set_term(l_tmp, p_product, p_words);
+    const int l_carry = static_cast<int>(vli_lshift(l_tmp, l_tmp, 1));
+    return l_carry + static_cast<int>(vli_add(p_result, p_result, l_tmp));
+}
+
+static ALWAYS_INLINE int subtract_term(uint64_t* p_result, const uint64_t* p_product,
+                                       const ReductionTerm& p_words)
+{
+    uint64_t l_tmp[VLI_DIGITS];
+    set_term(l_tmp, p_product, p_words);
+    return -static_cast<int>(vli_sub(p_result, p_result, l_tmp));
+}
+
+// Brings p_result + p_carry * 2^256 below curve_p. The counter is signed.
+static ALWAYS_INLINE void correct(uint64_t* p_result, int p_carry)
+{
+    if (p_carry < 0) {
+        do {
+            p_carry += static_cast<int>(vli_add(p_result, p_result, curve_p));
+        } while (p_carry < 0);
+    } else {
+        while (p_carry != 0 || vli_cmp(curve_p, p_result) != 1) {
+            p_carry -= static_cast<int>(vli_sub(p_result, p_result, curve_p));
+        }
+    }
+}
+
+// The remainder of any 8-digit product modulo curve_p.
+static ALWAYS_INLINE void vli_mmod_fast(uint64_t* p_result, const uint64_t* p_product)
+{
+    vli_set(p_result, p_product); // t
+    int l_carry = add_term_twice(p_result, p_product, s1);
+    l_carry += add_term_twice(p_result, p_product, s2);
+    l_carry += add_term(p_result, p_product, s3);
+    l_carry += add_term(p_result, p_product, s4);
+    l_carry += subtract_term(p_result, p_product, d1);
+    l_carry += subtract_term(p_result, p_product, d2);
+    l_carry += subtract_term(p_result, p_product, d3);
+    l_carry += subtract_term(p_result, p_product, d4);
+    correct(p_result, l_carry);
+}
+
+// The result may be either operand.
+static NEVER_INLINE void vli_modMult_fast(uint64_t* p_result, const uint64_t* p_left,
+                                          const uint64_t* p_right)
+{
+    uint64_t l_product[2 * VLI_DIGITS];
+    vli_mult(l_product, p_left, p_right);
+    vli_mmod_fast(p_result, l_product);
+}
+
+// The result may be the operand.
+static NEVER_INLINE void vli_modSquare_fast(uint64_t* p_result, const uint64_t* p_left)
+{
+    uint64_t l_product[2 * VLI_DIGITS];
+    vli_square(l_product, p_left);
+    vli_mmod_fast(p_result, l_product);
+}
+
+// Modulo curve_p.
+static ALWAYS_INLINE void vli_modAdd_fast(uint64_t* p_result, const uint64_t* p_left,
+                                          const uint64_t* p_right)
+{
+    vli_modAdd(p_result, p_left, p_right, curve_p);
+}
+
+static ALWAYS_INLINE void vli_modSub_fast(uint64_t* p_result, const uint64_t* p_left,
+                                          const uint64_t* p_right)
+{
+    vli_modSub(p_result, p_left, p_right, curve_p);
+}
+
+} // namespace portable
+
+#include "ecc_tuned.h"
 
 // Halves modulo an odd modulus: an odd number becomes even by adding the modulus first.
 static ALWAYS_INLINE void vli_modHalve(uint64_t* p_vli, const uint64_t* p_mod)
@@ -505,110 +629,7 @@ static int getRandomNumber(uint64_t* p_vli)
 
 // ---- Field --------------------------------------------------------------------------------------
 //
-// Arithmetic modulo curve_p. The fast reduction is that of FIPS 186-4, appendix D.2.3: with the
-// product's sixteen 32-bit words c0 to c15, its remainder is congruent to
-// t + 2 s1 + 2 s2 + s3 + s4 - d1 - d2 - d3 - d4, where t = (c0 ... c7) and the others are these.
-
-constexpr uint VLI_WORDS = 8;
-constexpr uint NONE = 16; // no word of the product: 0
-
-// Which word of the product stands at each word of the term, least significant first.
-typedef uint ReductionTerm[VLI_WORDS];
-static constexpr ReductionTerm s1 = {NONE, NONE, NONE, 11, 12, 13, 14, 15};
-static constexpr ReductionTerm s2 = {NONE, NONE, NONE, 12, 13, 14, 15, NONE};
-static constexpr ReductionTerm s3 = {8, 9, 10, NONE, NONE, NONE, 14, 15};
-static constexpr ReductionTerm s4 = {9, 10, 11, 13, 14, 15, 13, 8};
-static constexpr ReductionTerm d1 = {11, 12, 13, NONE, NONE, NONE, 8, 10};
-static constexpr ReductionTerm d2 = {12, 13, 14, 15, NONE, NONE, 9, 11};
-static constexpr ReductionTerm d3 = {13, 14, 15, 8, 9, 10, NONE, 12};
-static constexpr ReductionTerm d4 = {14, 15, NONE, 9, 10, 11, NONE, 13};
-
-static ALWAYS_INLINE uint64_t product_word(const uint64_t* p_product, uint p_index)
-{
-    return p_index == NONE ? 0 : (p_product[p_index / 2] >> (32 * (p_index % 2))) & 0xFFFFFFFF;
-}
-
-static ALWAYS_INLINE void set_term(uint64_t* p_term, const uint64_t* p_product,
-                                   const ReductionTerm& p_words)
-{
-#pragma GCC unroll 4
-    for (size_t i = 0; i < VLI_DIGITS; ++i) {
-        p_term[i] = product_word(p_product, p_words[2 * i]) |
-                    (product_word(p_product, p_words[2 * i + 1]) << 32);
-    }
-}
-
-// The functions for one term return what it changes in the counter of whole 2^256.
-static ALWAYS_INLINE int add_term(uint64_t* p_result, const uint64_t* p_product,
-                                  const ReductionTerm& p_words)
-{
-    uint64_t l_tmp[VLI_DIGITS];
-    set_term(l_tmp, p_product, p_words);
-    return static_cast<int>(vli_add(p_result, p_result, l_tmp));
-}
-
-static ALWAYS_INLINE int add_term_twice(uint64_t* p_result, const uint64_t* p_product,
-                                        const ReductionTerm& p_words)
-{
-    uint64_t l_tmp[VLI_DIGITS];
-    set_term(l_tmp, p_product, p_words);
-    const int l_carry = static_cast<int>(vli_lshift(l_tmp, l_tmp, 1));
-    return l_carry + static_cast<int>(vli_add(p_result, p_result, l_tmp));
-}
-
-static ALWAYS_INLINE int subtract_term(uint64_t* p_result, const uint64_t* p_product,
-                                       const ReductionTerm& p_words)
-{
-    uint64_t l_tmp[VLI_DIGITS];
-    set_term(l_tmp, p_product, p_words);
-    return -static_cast<int>(vli_sub(p_result, p_result, l_tmp));
-}
-
-// Brings p_result + p_carry * 2^256 below curve_p. The counter is signed.
-static ALWAYS_INLINE void correct(uint64_t* p_result, int p_carry)
-{
-    if (p_carry < 0) {
-        do {
-            p_carry += static_cast<int>(vli_add(p_result, p_result, curve_p));
-        } while (p_carry < 0);
-    } else {
-        while (p_carry != 0 || vli_cmp(curve_p, p_result) != 1) {
-            p_carry -= static_cast<int>(vli_sub(p_result, p_result, curve_p));
-        }
-    }
-}
-
-// The remainder of any 8-digit product modulo curve_p.
-static ALWAYS_INLINE void vli_mmod_fast(uint64_t* p_result, const uint64_t* p_product)
-{
-    vli_set(p_result, p_product); // t
-    int l_carry = add_term_twice(p_result, p_product, s1);
-    l_carry += add_term_twice(p_result, p_product, s2);
-    l_carry += add_term(p_result, p_product, s3);
-    l_carry += add_term(p_result, p_product, s4);
-    l_carry += subtract_term(p_result, p_product, d1);
-    l_carry += subtract_term(p_result, p_product, d2);
-    l_carry += subtract_term(p_result, p_product, d3);
-    l_carry += subtract_term(p_result, p_product, d4);
-    correct(p_result, l_carry);
-}
-
-// The result may be either operand.
-static NEVER_INLINE void vli_modMult_fast(uint64_t* p_result, const uint64_t* p_left,
-                                          const uint64_t* p_right)
-{
-    uint64_t l_product[2 * VLI_DIGITS];
-    vli_mult(l_product, p_left, p_right);
-    vli_mmod_fast(p_result, l_product);
-}
-
-// The result may be the operand.
-static NEVER_INLINE void vli_modSquare_fast(uint64_t* p_result, const uint64_t* p_left)
-{
-    uint64_t l_product[2 * VLI_DIGITS];
-    vli_square(l_product, p_left);
-    vli_mmod_fast(p_result, l_product);
-}
+// Arithmetic modulo curve_p.
 
 // The square root a^((p + 1) / 4), p being 3 modulo 4 (SEC 1, section 2.3.4). Of a number that is
 // no square it is a root of p - a.
@@ -661,24 +682,24 @@ static inline void EccPoint_double_jacobian(uint64_t* X1, uint64_t* Y1, uint64_t
     uint64_t t4[VLI_DIGITS];
     uint64_t t5[VLI_DIGITS];
 
-    vli_modSquare_fast(t4, Y1);      // y^2
-    vli_modMult_fast(t5, X1, t4);    // A = x y^2
-    vli_modSquare_fast(t4, t4);      // y^4
-    vli_modMult_fast(Y1, Y1, Z1);    // z' = y z
-    vli_modSquare_fast(Z1, Z1);      // z^2
-    vli_modAdd(X1, X1, Z1, curve_p); // x + z^2
-    vli_modAdd(Z1, Z1, Z1, curve_p); // 2 z^2
-    vli_modSub(Z1, X1, Z1, curve_p); // x - z^2
-    vli_modMult_fast(X1, X1, Z1);    // x^2 - z^4
-    vli_modAdd(Z1, X1, X1, curve_p);
-    vli_modAdd(X1, X1, Z1, curve_p); // 3 (x^2 - z^4)
-    vli_modHalve(X1, curve_p);       // B
+    vli_modSquare_fast(t4, Y1);   // y^2
+    vli_modMult_fast(t5, X1, t4); // A = x y^2
+    vli_modSquare_fast(t4, t4);   // y^4
+    vli_modMult_fast(Y1, Y1, Z1); // z' = y z
+    vli_modSquare_fast(Z1, Z1);   // z^2
+    vli_modAdd_fast(X1, X1, Z1);  // x + z^2
+    vli_modAdd_fast(Z1, Z1, Z1);  // 2 z^2
+    vli_modSub_fast(Z1, X1, Z1);  // x - z^2
+    vli_modMult_fast(X1, X1, Z1); // x^2 - z^4
+    vli_modAdd_fast(Z1, X1, X1);
+    vli_modAdd_fast(X1, X1, Z1); // 3 (x^2 - z^4)
+    vli_modHalve(X1, curve_p);   // B
     vli_modSquare_fast(Z1, X1);
-    vli_modSub(Z1, Z1, t5, curve_p);
-    vli_modSub(Z1, Z1, t5, curve_p); // x' = B^2 - 2A
-    vli_modSub(t5, t5, Z1, curve_p); // A - x'
+    vli_modSub_fast(Z1, Z1, t5);
+    vli_modSub_fast(Z1, Z1, t5); // x' = B^2 - 2A
+    vli_modSub_fast(t5, t5, Z1); // A - x'
     vli_modMult_fast(X1, X1, t5);
-    vli_modSub(t4, X1, t4, curve_p); // y' = B (A - x') - y^4
+    vli_modSub_fast(t4, X1, t4); // y' = B (A - x') - y^4
 
     vli_set(X1, Z1);
     vli_set(Z1, Y1);
@@ -719,19 +740,19 @@ static void XYcZ_add(uint64_t* X1, uint64_t* Y1, uint64_t* X2, uint64_t* Y2)
 {
     uint64_t t5[VLI_DIGITS];
 
-    vli_modSub(t5, X2, X1, curve_p);
-    vli_modSquare_fast(t5, t5);      // A
-    vli_modMult_fast(X1, X1, t5);    // B
-    vli_modMult_fast(X2, X2, t5);    // K
-    vli_modSub(Y2, Y2, Y1, curve_p); // Y2 - Y1
-    vli_modSquare_fast(t5, Y2);      // D
-    vli_modSub(t5, t5, X1, curve_p);
-    vli_modSub(t5, t5, X2, curve_p); // X3 = D - B - K
-    vli_modSub(X2, X2, X1, curve_p); // K - B
-    vli_modMult_fast(Y1, Y1, X2);    // Y1 (K - B)
-    vli_modSub(X2, X1, t5, curve_p); // B - X3
+    vli_modSub_fast(t5, X2, X1);
+    vli_modSquare_fast(t5, t5);   // A
+    vli_modMult_fast(X1, X1, t5); // B
+    vli_modMult_fast(X2, X2, t5); // K
+    vli_modSub_fast(Y2, Y2, Y1);  // Y2 - Y1
+    vli_modSquare_fast(t5, Y2);   // D
+    vli_modSub_fast(t5, t5, X1);
+    vli_modSub_fast(t5, t5, X2);  // X3 = D - B - K
+    vli_modSub_fast(X2, X2, X1);  // K - B
+    vli_modMult_fast(Y1, Y1, X2); // Y1 (K - B)
+    vli_modSub_fast(X2, X1, t5);  // B - X3
     vli_modMult_fast(Y2, Y2, X2);
-    vli_modSub(Y2, Y2, Y1, curve_p); // Y3
+    vli_modSub_fast(Y2, Y2, Y1); // Y3
     vli_set(X2, t5);
 }
 
@@ -744,27 +765,27 @@ static void XYcZ_addC(uint64_t* X1, uint64_t* Y1, uint64_t* X2, uint64_t* Y2)
     uint64_t t6[VLI_DIGITS];
     uint64_t t7[VLI_DIGITS];
 
-    vli_modSub(t5, X2, X1, curve_p);
-    vli_modSquare_fast(t5, t5);      // A
-    vli_modMult_fast(X1, X1, t5);    // B
-    vli_modMult_fast(X2, X2, t5);    // K
-    vli_modAdd(t5, Y2, Y1, curve_p); // Y2 + Y1
-    vli_modSub(Y2, Y2, Y1, curve_p); // Y2 - Y1
-    vli_modSub(t6, X2, X1, curve_p); // K - B
-    vli_modMult_fast(Y1, Y1, t6);    // Y1 (K - B)
-    vli_modAdd(t6, X1, X2, curve_p); // B + K
-    vli_modSquare_fast(X2, Y2);      // D
-    vli_modSub(X2, X2, t6, curve_p); // X3 = D - B - K
+    vli_modSub_fast(t5, X2, X1);
+    vli_modSquare_fast(t5, t5);   // A
+    vli_modMult_fast(X1, X1, t5); // B
+    vli_modMult_fast(X2, X2, t5); // K
+    vli_modAdd_fast(t5, Y2, Y1);  // Y2 + Y1
+    vli_modSub_fast(Y2, Y2, Y1);  // Y2 - Y1
+    vli_modSub_fast(t6, X2, X1);  // K - B
+    vli_modMult_fast(Y1, Y1, t6); // Y1 (K - B)
+    vli_modAdd_fast(t6, X1, X2);  // B + K
+    vli_modSquare_fast(X2, Y2);   // D
+    vli_modSub_fast(X2, X2, t6);  // X3 = D - B - K
 
-    vli_modSub(t7, X1, X2, curve_p); // B - X3
+    vli_modSub_fast(t7, X1, X2); // B - X3
     vli_modMult_fast(Y2, Y2, t7);
-    vli_modSub(Y2, Y2, Y1, curve_p); // Y3
+    vli_modSub_fast(Y2, Y2, Y1); // Y3
 
-    vli_modSquare_fast(t7, t5);      // F
-    vli_modSub(t7, t7, t6, curve_p); // X3' = F - B - K
-    vli_modSub(t6, t7, X1, curve_p); // X3' - B
+    vli_modSquare_fast(t7, t5);  // F
+    vli_modSub_fast(t7, t7, t6); // X3' = F - B - K
+    vli_modSub_fast(t6, t7, X1); // X3' - B
     vli_modMult_fast(t6, t6, t5);
-    vli_modSub(Y1, t6, Y1, curve_p); // Y3'
+    vli_modSub_fast(Y1, t6, Y1); // Y3'
     vli_set(X1, t7);
 }
 
@@ -775,7 +796,7 @@ static void XYcZ_addC(uint64_t* X1, uint64_t* Y1, uint64_t* X2, uint64_t* Y2)
 static inline void ladder_inverse_z(uint64_t* z, uint64_t (*Rx)[VLI_DIGITS],
                                     uint64_t (*Ry)[VLI_DIGITS], uint nb, const EccPoint* p_point)
 {
-    vli_modSub(z, Rx[1], Rx[0], curve_p);
+    vli_modSub_fast(z, Rx[1], Rx[0]);
     vli_modMult_fast(z, z, Ry[1 - nb]);
     vli_modMult_fast(z, z, p_point->x);
     vli_modInv(z, z, curve_p);
@@ -849,9 +870,9 @@ static void ecc_point_decompress(EccPoint* p_point, const uint8_t* p_compressed)
     }
 
     vli_modSquare_fast(p_point->y, p_point->x);
-    vli_modSub(p_point->y, p_point->y, _3, curve_p);
+    vli_modSub_fast(p_point->y, p_point->y, _3);
     vli_modMult_fast(p_point->y, p_point->y, p_point->x);
-    vli_modAdd(p_point->y, p_point->y, curve_b, curve_p); // x^3 - 3x + b
+    vli_modAdd_fast(p_point->y, p_point->y, curve_b); // x^3 - 3x + b
     mod_sqrt(p_point->y);
     ecc_choose_root(p_point->y, p_compressed[0]);
 }
@@ -982,7 +1003,7 @@ static void EccPoint_addBase(EccPoint* p_sum, const EccPoint* p_point)
     uint64_t z[VLI_DIGITS];
 
     *p_sum = *p_point;
-    vli_modSub(z, p_sum->x, l_base.x, curve_p);
+    vli_modSub_fast(z, p_sum->x, l_base.x);
     XYcZ_add(l_base.x, l_base.y, p_sum->x, p_sum->y);
     vli_modInv(z, z, curve_p);
     apply_z(p_sum->x, p_sum->y, z);
@@ -996,7 +1017,7 @@ static inline void EccPoint_addAffine(uint64_t* X, uint64_t* Y, uint64_t* Z,
     uint64_t t[VLI_DIGITS];
 
     apply_z(l_copy.x, l_copy.y, Z);
-    vli_modSub(t, X, l_copy.x, curve_p);
+    vli_modSub_fast(t, X, l_copy.x);
     XYcZ_add(l_copy.x, l_copy.y, X, Y);
     vli_modMult_fast(Z, Z, t);
 }

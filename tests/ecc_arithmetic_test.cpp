@@ -277,7 +277,7 @@ TEST(Mul64, IsTheFullProductOfTwoDigits)
 {
     for_each_pair([](const Digits& left, const Digits& right) {
         for (size_t i = 0; i < 4; ++i) {
-            const uint128_t product = mul_64_64(left[i], right[i]);
+            const uint128_t product = portable::mul_64_64(left[i], right[i]);
             const auto expected = to_digits<2>(integer(std::array<uint64_t, 1>{left[i]}) *
                                                integer(std::array<uint64_t, 1>{right[i]}));
             ASSERT_EQ(product.m_low, expected[0]) << left[i] << " * " << right[i];
@@ -292,7 +292,7 @@ TEST(Add128, IsTheSumModulo2To128)
         for (size_t i = 0; i < 4; i += 2) {
             const std::array<uint64_t, 2> a = {left[i], left[i + 1]};
             const std::array<uint64_t, 2> b = {right[i], right[i + 1]};
-            const uint128_t sum = add_128_128({a[0], a[1]}, {b[0], b[1]});
+            const uint128_t sum = portable::add_128_128({a[0], a[1]}, {b[0], b[1]});
             const auto expected = to_digits<2>(integer(a) + integer(b));
             ASSERT_EQ(sum.m_low, expected[0]);
             ASSERT_EQ(sum.m_high, expected[1]);
@@ -411,7 +411,7 @@ TEST(ModSub, IsTheReducedDifference)
     for (const mpz_class& m : {ecc_model::p, ecc_model::n}) {
         const Digits mod = digits(m);
         const auto sub = [&](uint64_t* r, const uint64_t* a, const uint64_t* b) {
-            vli_modSub(r, a, b, mod.data());
+            portable::vli_modSub(r, a, b, mod.data());
         };
         for_each_reduced_pair(m, [&](const Digits& left, const Digits& right) {
             const mpz_class difference = integer(left) - integer(right) + m;
@@ -425,7 +425,7 @@ TEST(ModSub, OfOneFromZeroIsTheGreatestFieldNumber)
 {
     const Digits one = {1};
     Digits result = {};
-    vli_modSub(result.data(), Digits{}.data(), one.data(), P_DIGITS.data());
+    portable::vli_modSub(result.data(), Digits{}.data(), one.data(), P_DIGITS.data());
     EXPECT_EQ(integer(result), ecc_model::p - 1);
 }
 
@@ -433,7 +433,7 @@ TEST(ModSub, AddsTheModulusOnceAtMost)
 {
     for_each_pair([](const Digits& left, const Digits& right) {
         Digits result = {};
-        vli_modSub(result.data(), left.data(), right.data(), P_DIGITS.data());
+        portable::vli_modSub(result.data(), left.data(), right.data(), P_DIGITS.data());
         ASSERT_EQ(integer(result), ecc_model::mod_sub(integer(left), integer(right)));
     });
 }
@@ -508,7 +508,7 @@ TEST(FastReduction, EndsFromEveryStateOfItsCounter)
             const mpz_class value = integer(number) + carry * power_of_two(256);
             mpz_class expected;
             mpz_fdiv_r(expected.get_mpz_t(), value.get_mpz_t(), ecc_model::p.get_mpz_t());
-            correct(number.data(), carry);
+            portable::correct(number.data(), carry);
             ASSERT_EQ(integer(number), expected) << carry;
         }
     }

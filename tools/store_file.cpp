@@ -1,6 +1,7 @@
 #include "store_file.h"
 
 #include "key_names.h"
+#include "user_file.h"
 
 #include "key_driver/durable_save.h"
 #include "key_driver/key_record.h"
@@ -38,7 +39,7 @@ static Failure cannot_read(const std::string& name)
             "see to its permissions"};
 }
 
-static bool read_descriptor(int fd, std::string* content)
+bool read_descriptor(int fd, std::string* content)
 {
     static const size_t PIECE = 1 << 16;
     for (;;) {
@@ -400,6 +401,9 @@ std::optional<Failure> check_new_key(const NewKey& key)
     if (key.key.empty()) {
         return refused("the key is empty", "give a key of at least one byte");
     }
+    if (!is_hexadecimal(key.key) || key.key.size() % 2 != 0) {
+        return refused("the key is not two hexadecimal digits for each byte", "give another key");
+    }
     const std::optional<KeyUse> use = driver_use_of(key.key_name);
     const size_t length = key.key.size() / 2;
     if (use && length != use->length) {
@@ -507,24 +511,25 @@ std::optional<Failure> put_key(Store* store, const NewKey& key, Existing existin
     return std::nullopt;
 }
 
-std::optional<Failure> rename_record(Store* store, const Record& record, const std::string& name)
+std::optional<Failure> rename_record(Store* store, const std::string& name, Record* record)
 {
     for (FileKind kind : FILE_KINDS) {
-        if (find_in_index(store, kind, record.uid, name) != NULL) {
+        if (find_in_index(store, kind, record->uid, name) != NULL) {
             return Failure{REFUSED, file_name(kind), 0,
-                           "has a key " + name + " of UID " + record.uid + " already",
+                           "has a key " + name + " of UID " + record->uid + " already",
                            "take another name, or delete that one first"};
         }
     }
     bool had_name = false;
-    if (!replace_texts(record.node, XML_NodeName_key_Name, name.c_str(), &had_name)) {
+    if (!replace_texts(record->node, XML_NodeName_key_Name, name.c_str(), &had_name)) {
         return no_memory();
     }
     if (!had_name) {
-        return Failure{REFUSED, file_name(record.file), record.line, "the record has no key name",
+        return Failure{REFUSED, file_name(record->file), record->line, "the record has no key name",
                        "delete it, and add the key anew"};
     }
-    store->files[record.file].is_changed = true;
+    store->files[record->file].is_changed = true;
+    *record = record_at(record->file, record->node);
     return std::nullopt;
 }
 

@@ -1,6 +1,7 @@
 #include "store_file.h"
 
 #include "key_names.h"
+#include "p256_key_file.h"
 #include "user_file.h"
 
 #include "key_driver/durable_save.h"
@@ -393,6 +394,23 @@ static std::optional<Failure> check_texts(const NewKey& key)
     return std::nullopt;
 }
 
+// Whether a key of the right length is one of P-256, where the driver takes it for one.
+static std::optional<Failure> check_p256_key(const NewKey& key, KeyKind kind)
+{
+    uint8_t bytes[64] = {};
+    bytes_of_hexadecimal(key.key, bytes);
+    std::optional<Failure> failure;
+    if (kind == P256_PRIVATE_KEY && !p256_scalar_is_in_range(bytes)) {
+        failure = refused("the key is no private key of P-256: it is 0, or not below the order",
+                          "give another key");
+    } else if (kind == P256_PUBLIC_KEY && !p256_point_is_on_curve(bytes, bytes + 32)) {
+        failure = refused("the key is no public key of P-256: the point is not on the curve",
+                          "give X and Y, 32 bytes each, big-endian");
+    }
+    explicit_bzero(bytes, sizeof bytes);
+    return failure;
+}
+
 std::optional<Failure> check_new_key(const NewKey& key)
 {
     if (std::optional<Failure> failure = check_texts(key)) {
@@ -411,7 +429,7 @@ std::optional<Failure> check_new_key(const NewKey& key)
                            " bytes, this one has " + std::to_string(length),
                        "give a key of that length, or another name");
     }
-    return std::nullopt;
+    return use ? check_p256_key(key, use->kind) : std::nullopt;
 }
 
 static bool replace_key(xmlNodePtr record, const NewKey& key)

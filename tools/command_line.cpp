@@ -205,6 +205,27 @@ static void add_delete(CLI::App* app, Request* request)
     add_selection(command, &options->selection);
 }
 
+static void add_provision(CLI::App* app, Request* request)
+{
+    static const std::map<std::string, ManifestFormat> FORMATS = {{"csv", CSV_MANIFEST},
+                                                                  {"json", JSON_MANIFEST}};
+    std::shared_ptr<ProvisionOptions> options;
+    CLI::App* command =
+        add_command(app, request, "provision", "Add the keys of a manifest, all of them or none",
+                    run_provision, &options);
+    ProvisionOptions* kept = options.get();
+    command->add_option("MANIFEST", options->manifest, "The list of keys, - for standard input")
+        ->required();
+    command
+        ->add_option_function<std::string>(
+            "--format", [kept](const std::string& name) { kept->format = FORMATS.at(name); },
+            "What the manifest is written in (default: as it looks)")
+        ->type_name("csv|json")
+        ->check(CLI::IsMember(FORMATS).description(""));
+    command->add_flag("--dry-run", options->dry_run, "Check everything, and change nothing");
+    add_replace(command, &options->existing);
+}
+
 static void add_common_options(CLI::App* app, Common* common)
 {
     app->add_option("--dir", common->directory, "The store's directory (default: the current one)")
@@ -227,6 +248,7 @@ std::optional<Failure> parse_command_line(int argc, char** argv, Request* reques
     add_show(&app, request);
     add_add(&app, request);
     add_generate(&app, request);
+    add_provision(&app, request);
     add_copy(&app, request);
     add_rename(&app, request);
     add_delete(&app, request);

@@ -4,6 +4,8 @@
 #include "record_output.h"
 #include "text_output.h"
 
+#include <string.h>
+
 static void show_as_json(const Record& record, bool reveal)
 {
     nlohmann::ordered_json value = json_of(record);
@@ -18,6 +20,16 @@ static void show_line(const char* what, const std::string& text)
     printf("%s %s\n", styled(what, HEADING, stdout).c_str(), text.c_str());
 }
 
+// Free text can be long; the lines behind the first stand below it.
+static void show_metadata(const std::string& metadata)
+{
+    const char* what = "metadata:";
+    for (const std::string& line : wrapped(metadata, output_width() - strlen("metadata: "))) {
+        show_line(what, line);
+        what = "         ";
+    }
+}
+
 static void show_as_text(const Record& record, bool reveal)
 {
     show_line("file:    ", std::string(kind_name(record.file)) + " (" + file_name(record.file) +
@@ -26,7 +38,7 @@ static void show_as_text(const Record& record, bool reveal)
     show_line("UID:     ", printable(record.uid));
     show_line("name:    ", printable(record.key_name));
     show_line("bytes:   ", std::to_string(key_length_of(record)));
-    show_line("metadata:", printable(record.metadata));
+    show_metadata(printable(record.metadata));
     show_line("key:     ", reveal ? printable(record.key) : "hidden (--reveal shows it)");
 }
 

@@ -81,4 +81,13 @@ struct GenerateOptions {
 };
 std::optional<Failure> run_generate(const Common& common, const GenerateOptions& options);
 
+enum ManifestFormat { MANIFEST_AS_IT_LOOKS, CSV_MANIFEST, JSON_MANIFEST };
+struct ProvisionOptions {
+    std::string manifest; // "-" is standard input
+    ManifestFormat format;
+    bool dry_run;
+    Existing existing;
+};
+std::optional<Failure> run_provision(const Common& common, const ProvisionOptions& options);
+
 #endif

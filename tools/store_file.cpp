@@ -155,7 +155,7 @@ static std::optional<Failure> save_store(const Store& store)
     return cannot_save(file_name(PUBLIC_FILE));
 }
 
-static std::optional<Failure> work_on(Store* store,
+static std::optional<Failure> work_on(Store* store, Access access,
                                       const std::function<std::optional<Failure>(Store*)>& work)
 {
     if (std::optional<Failure> failure = read_store(store)) {
@@ -164,7 +164,7 @@ static std::optional<Failure> work_on(Store* store,
     if (std::optional<Failure> failure = work(store)) {
         return failure;
     }
-    return save_store(*store);
+    return access == TO_CHANGE ? save_store(*store) : std::nullopt;
 }
 
 std::optional<Failure> with_store(Access access,
@@ -175,7 +175,7 @@ std::optional<Failure> with_store(Access access,
         store_lock_take();
     }
     libxml2_enter();
-    std::optional<Failure> failure = work_on(&store, work);
+    std::optional<Failure> failure = work_on(&store, access, work);
     for (const StoreFile& file : store.files) {
         xmlFreeDoc(file.document);
     }

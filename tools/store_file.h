@@ -38,9 +38,9 @@ struct Store {
 
 enum Access { TO_READ, TO_CHANGE };
 
-// Reads both files of the working directory, does the work and, if that was successful, saves the
-// files that it changed: both or none. Meanwhile, the lock between processes is held, if the store
-// is to be changed. One of the files may be missing, a file that is not well-formed is refused.
+// Reads both files of the working directory and does the work. If the store is to be changed, the
+// lock between processes is held meanwhile, and after success the files that the work changed are
+// saved: both or none. One of the files may be missing; one that is not well-formed is refused.
 std::optional<Failure> with_store(Access access,
                                   const std::function<std::optional<Failure>(Store*)>& work);
 

@@ -1,5 +1,7 @@
 #include "command_line.h"
 
+#include "key_names.h"
+
 #include <CLI/CLI.hpp>
 
 #include <map>
@@ -59,6 +61,171 @@ static void add_list(CLI::App* app, Request* request)
     add_file_option(command, &options->file, "Only those of this file");
 }
 
+// ---- How a command names a key
+
+static void add_uid_and_name(CLI::App* command, std::string* uid, std::string* key_name)
+{
+    command->add_option("UID", *uid, "The device's UID, 32 characters")->required();
+    command->add_option("NAME", *key_name, "The key's name")->required();
+}
+
+// By UID and name, or by handle.
+static void add_selection(CLI::App* command, Selection* selection)
+{
+    CLI::Option* uid = command->add_option("UID", selection->uid, "The device's UID");
+    CLI::Option* name = command->add_option("NAME", selection->key_name, "The key's name");
+    CLI::Option* handle = command
+                              ->add_option("--handle", selection->handle,
+                                           "The key's handle, in place of UID and NAME")
+                              ->type_name("HANDLE")
+                              ->excludes(uid)
+                              ->excludes(name);
+    add_file_option(command, &selection->file, "Look in this file only");
+    command->parse_complete_callback([name, handle]() {
+        if (name->count() == 0 && handle->count() == 0) {
+            throw CLI::RequiredError("UID and NAME, or --handle,");
+        }
+    });
+}
+
+static void add_new_name(CLI::App* command, std::string* new_name)
+{
+    command->add_option("--as", *new_name, "The new name")->type_name("NAME")->required();
+}
+
+static void add_slot(CLI::App* command, std::optional<uint32_t>* slot)
+{
+    command
+        ->add_option("--slot", *slot,
+                     "The KTS slot: NAME is ecdsa_prv or ecdh_prv, and the key is NAME_slot_N")
+        ->type_name("N");
+}
+
+static void add_metadata(CLI::App* command, std::optional<std::string>* metadata)
+{
+    command->add_option("--metadata", *metadata, "Free text that is kept with the key")
+        ->type_name("TEXT");
+}
+
+static void add_replace(CLI::App* command, Existing* existing)
+{
+    command->add_flag_callback(
+        "--replace", [existing]() { *existing = REPLACE_EXISTING; },
+        "Replace a key of this UID and name; its handle stays");
+}
+
+// ---- Commands
+
+static void add_show(CLI::App* app, Request* request)
+{
+    std::shared_ptr<ShowOptions> options;
+    CLI::App* command = add_command(app, request, "show", "Show one key", run_show, &options);
+    add_selection(command, &options->selection);
+    command->add_flag("--reveal", options->reveal, "Show the key text as well");
+}
+
+static void add_add(CLI::App* app, Request* request)
+{
+    std::shared_ptr<AddOptions> options;
+    CLI::App* command = add_command(app, request, "add", "Add a key from a file or standard input",
+                                    run_add, &options);
+    add_uid_and_name(command, &options->uid, &options->key_name);
+    options->key_file = "-";
+    command->add_option("--from", options->key_file, "Where the key is (default: standard input)")
+        ->type_name("FILE");
+    command->add_flag("--raw", options->is_raw, "It is there as bytes, not as hexadecimal text");
+    add_slot(command, &options->slot);
+    add_file_option(command, &options->file,
+                    "Where it goes (default: public for ECDSA_DS_PuK, else private)");
+    add_metadata(command, &options->metadata);
+    add_replace(command, &options->existing);
+}
+
+static void add_generate(CLI::App* app, Request* request)
+{
+    static const std::map<std::string, GeneratedKind> KINDS = {{"hmac", GENERATED_HMAC},
+                                                               {"p256", GENERATED_P256}};
+    std::shared_ptr<GenerateOptions> options;
+    CLI::App* command =
+        add_command(app, request, "generate", "Make a random HMAC key or a P-256 key pair",
+                    run_generate, &options);
+    GenerateOptions* kept = options.get();
+    add_uid_and_name(command, &options->uid, &options->key_name);
+    command
+        ->add_option_function<std::string>(
+            "--type", [kept](const std::string& name) { kept->kind = KINDS.at(name); },
+            "What to make (default: what the library uses a key of this name for, else hmac)")
+        ->type_name("hmac|p256")
+        ->check(CLI::IsMember(KINDS).description(""));
+    add_slot(command, &options->slot);
+    options->public_key_file = "-";
+    command
+        ->add_option("--public-key", options->public_key_file,
+                     "Where the public key goes, as PEM (default: standard output)")
+        ->type_name("FILE");
+    command
+        ->add_option("--verifier", options->verifier_uid,
+                     "Store the public key for this UID as well, 64 bytes X, Y, in the public file")
+        ->type_name("UID");
+    options->verifier_name = VERIFICATION_KEY_NAME;
+    command
+        ->add_option("--verifier-name", options->verifier_name,
+                     "Under this name (default: ECDSA_DS_PuK)")
+        ->type_name("NAME");
+    add_metadata(command, &options->metadata);
+    add_replace(command, &options->existing);
+}
+
+static void add_copy(CLI::App* app, Request* request)
+{
+    std::shared_ptr<CopyOptions> options;
+    CLI::App* command = add_command(
+        app, request, "copy", "Copy a key; the copy has a handle of its own", run_copy, &options);
+    add_selection(command, &options->selection);
+    add_new_name(command, &options->new_name);
+    command->add_option("--to", options->new_uid, "The copy's UID (default: the key's)")
+        ->type_name("UID");
+    add_metadata(command, &options->metadata);
+    add_replace(command, &options->existing);
+}
+
+static void add_rename(CLI::App* app, Request* request)
+{
+    std::shared_ptr<RenameOptions> options;
+    CLI::App* command =
+        add_command(app, request, "rename", "Give a key another name", run_rename, &options);
+    add_selection(command, &options->selection);
+    add_new_name(command, &options->new_name);
+}
+
+static void add_delete(CLI::App* app, Request* request)
+{
+    std::shared_ptr<DeleteOptions> options;
+    CLI::App* command = add_command(app, request, "delete", "Delete a key", run_delete, &options);
+    add_selection(command, &options->selection);
+}
+
+static void add_provision(CLI::App* app, Request* request)
+{
+    static const std::map<std::string, ManifestFormat> FORMATS = {{"csv", CSV_MANIFEST},
+                                                                  {"json", JSON_MANIFEST}};
+    std::shared_ptr<ProvisionOptions> options;
+    CLI::App* command =
+        add_command(app, request, "provision", "Add the keys of a manifest, all of them or none",
+                    run_provision, &options);
+    ProvisionOptions* kept = options.get();
+    command->add_option("MANIFEST", options->manifest, "The list of keys, - for standard input")
+        ->required();
+    command
+        ->add_option_function<std::string>(
+            "--format", [kept](const std::string& name) { kept->format = FORMATS.at(name); },
+            "What the manifest is written in (default: as it looks)")
+        ->type_name("csv|json")
+        ->check(CLI::IsMember(FORMATS).description(""));
+    command->add_flag("--dry-run", options->dry_run, "Check everything, and change nothing");
+    add_replace(command, &options->existing);
+}
+
 static void add_common_options(CLI::App* app, Common* common)
 {
     app->add_option("--dir", common->directory, "The store's directory (default: the current one)")
@@ -73,17 +240,28 @@ std::optional<Failure> parse_command_line(int argc, char** argv, Request* reques
     app.set_version_flag("--version", "zentrava-keystore " ZENTRAVA_VERSION,
                          "Print the version and exit");
     app.set_help_flag("--help,-h", "Print this help and exit");
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);
     app.get_formatter()->column_width(32);
     add_common_options(&app, &request->common);
     add_init(&app, request);
     add_list(&app, request);
+    add_show(&app, request);
+    add_add(&app, request);
+    add_generate(&app, request);
+    add_provision(&app, request);
+    add_copy(&app, request);
+    add_rename(&app, request);
+    add_delete(&app, request);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& asked_for_text) {
         app.exit(asked_for_text);
+        return std::nullopt;
     } catch (const CLI::ParseError& error) {
         return Failure{USAGE, "", 0, error.what(), "see zentrava-keystore --help"};
+    }
+    if (!request->run) {
+        return Failure{USAGE, "", 0, "a command is missing", "see zentrava-keystore --help"};
     }
     return std::nullopt;
 }

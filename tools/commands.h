@@ -29,4 +29,65 @@ struct ListOptions {
 };
 std::optional<Failure> run_list(const Common& common, const ListOptions& options);
 
+struct ShowOptions {
+    Selection selection;
+    bool reveal; // the key text as well
+};
+std::optional<Failure> run_show(const Common& common, const ShowOptions& options);
+
+struct AddOptions {
+    std::string uid;
+    std::string key_name;
+    std::optional<uint32_t> slot;
+    std::optional<FileKind> file;
+    std::string key_file; // "-" is standard input
+    bool is_raw;          // bytes instead of hexadecimal text
+    std::optional<std::string> metadata;
+    Existing existing;
+};
+std::optional<Failure> run_add(const Common& common, const AddOptions& options);
+
+struct CopyOptions {
+    Selection selection;
+    std::string new_name;
+    std::optional<std::string> new_uid;
+    std::optional<std::string> metadata;
+    Existing existing;
+};
+std::optional<Failure> run_copy(const Common& common, const CopyOptions& options);
+
+struct RenameOptions {
+    Selection selection;
+    std::string new_name;
+};
+std::optional<Failure> run_rename(const Common& common, const RenameOptions& options);
+
+struct DeleteOptions {
+    Selection selection;
+};
+std::optional<Failure> run_delete(const Common& common, const DeleteOptions& options);
+
+enum GeneratedKind { USUAL_FOR_NAME, GENERATED_HMAC, GENERATED_P256 };
+struct GenerateOptions {
+    std::string uid;
+    std::string key_name;
+    std::optional<uint32_t> slot;
+    GeneratedKind kind;
+    std::optional<std::string> metadata;
+    Existing existing;
+    std::string public_key_file; // "-" is standard output
+    std::optional<std::string> verifier_uid;
+    std::string verifier_name;
+};
+std::optional<Failure> run_generate(const Common& common, const GenerateOptions& options);
+
+enum ManifestFormat { MANIFEST_AS_IT_LOOKS, CSV_MANIFEST, JSON_MANIFEST };
+struct ProvisionOptions {
+    std::string manifest; // "-" is standard input
+    ManifestFormat format;
+    bool dry_run;
+    Existing existing;
+};
+std::optional<Failure> run_provision(const Common& common, const ProvisionOptions& options);
+
 #endif

@@ -1,6 +1,8 @@
 #include "store_file.h"
 
 #include "key_names.h"
+#include "p256_key_file.h"
+#include "user_file.h"
 
 #include "key_driver/durable_save.h"
 #include "key_driver/key_record.h"
@@ -38,7 +40,7 @@ static Failure cannot_read(const std::string& name)
             "see to its permissions"};
 }
 
-static bool read_descriptor(int fd, std::string* content)
+bool read_descriptor(int fd, std::string* content)
 {
     static const size_t PIECE = 1 << 16;
     for (;;) {
@@ -153,7 +155,7 @@ static std::optional<Failure> save_store(const Store& store)
     return cannot_save(file_name(PUBLIC_FILE));
 }
 
-static std::optional<Failure> work_on(Store* store,
+static std::optional<Failure> work_on(Store* store, Access access,
                                       const std::function<std::optional<Failure>(Store*)>& work)
 {
     if (std::optional<Failure> failure = read_store(store)) {
@@ -162,7 +164,7 @@ static std::optional<Failure> work_on(Store* store,
     if (std::optional<Failure> failure = work(store)) {
         return failure;
     }
-    return save_store(*store);
+    return access == TO_CHANGE ? save_store(*store) : std::nullopt;
 }
 
 std::optional<Failure> with_store(Access access,
@@ -173,7 +175,7 @@ std::optional<Failure> with_store(Access access,
         store_lock_take();
     }
     libxml2_enter();
-    std::optional<Failure> failure = work_on(&store, work);
+    std::optional<Failure> failure = work_on(&store, access, work);
     for (const StoreFile& file : store.files) {
         xmlFreeDoc(file.document);
     }
@@ -392,6 +394,23 @@ static std::optional<Failure> check_texts(const NewKey& key)
     return std::nullopt;
 }
 
+// Whether a key of the right length is one of P-256, where the driver takes it for one.
+static std::optional<Failure> check_p256_key(const NewKey& key, KeyKind kind)
+{
+    uint8_t bytes[64] = {};
+    bytes_of_hexadecimal(key.key, bytes);
+    std::optional<Failure> failure;
+    if (kind == P256_PRIVATE_KEY && !p256_scalar_is_in_range(bytes)) {
+        failure = refused("the key is no private key of P-256: it is 0, or not below the order",
+                          "give another key");
+    } else if (kind == P256_PUBLIC_KEY && !p256_point_is_on_curve(bytes, bytes + 32)) {
+        failure = refused("the key is no public key of P-256: the point is not on the curve",
+                          "give X and Y, 32 bytes each, big-endian");
+    }
+    explicit_bzero(bytes, sizeof bytes);
+    return failure;
+}
+
 std::optional<Failure> check_new_key(const NewKey& key)
 {
     if (std::optional<Failure> failure = check_texts(key)) {
@@ -400,6 +419,9 @@ std::optional<Failure> check_new_key(const NewKey& key)
     if (key.key.empty()) {
         return refused("the key is empty", "give a key of at least one byte");
     }
+    if (!is_hexadecimal(key.key) || key.key.size() % 2 != 0) {
+        return refused("the key is not two hexadecimal digits for each byte", "give another key");
+    }
     const std::optional<KeyUse> use = driver_use_of(key.key_name);
     const size_t length = key.key.size() / 2;
     if (use && length != use->length) {
@@ -407,7 +429,7 @@ std::optional<Failure> check_new_key(const NewKey& key)
                            " bytes, this one has " + std::to_string(length),
                        "give a key of that length, or another name");
     }
-    return std::nullopt;
+    return use ? check_p256_key(key, use->kind) : std::nullopt;
 }
 
 static bool replace_key(xmlNodePtr record, const NewKey& key)
@@ -507,24 +529,25 @@ std::optional<Failure> put_key(Store* store, const NewKey& key, Existing existin
     return std::nullopt;
 }
 
-std::optional<Failure> rename_record(Store* store, const Record& record, const std::string& name)
+std::optional<Failure> rename_record(Store* store, const std::string& name, Record* record)
 {
     for (FileKind kind : FILE_KINDS) {
-        if (find_in_index(store, kind, record.uid, name) != NULL) {
+        if (find_in_index(store, kind, record->uid, name) != NULL) {
             return Failure{REFUSED, file_name(kind), 0,
-                           "has a key " + name + " of UID " + record.uid + " already",
+                           "has a key " + name + " of UID " + record->uid + " already",
                            "take another name, or delete that one first"};
         }
     }
     bool had_name = false;
-    if (!replace_texts(record.node, XML_NodeName_key_Name, name.c_str(), &had_name)) {
+    if (!replace_texts(record->node, XML_NodeName_key_Name, name.c_str(), &had_name)) {
         return no_memory();
     }
     if (!had_name) {
-        return Failure{REFUSED, file_name(record.file), record.line, "the record has no key name",
+        return Failure{REFUSED, file_name(record->file), record->line, "the record has no key name",
                        "delete it, and add the key anew"};
     }
-    store->files[record.file].is_changed = true;
+    store->files[record->file].is_changed = true;
+    *record = record_at(record->file, record->node);
     return std::nullopt;
 }
 

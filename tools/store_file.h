@@ -38,13 +38,16 @@ struct Store {
 
 enum Access { TO_READ, TO_CHANGE };
 
-// Reads both files of the working directory, does the work and, if that was successful, saves the
-// files that it changed: both or none. Meanwhile, the lock between processes is held, if the store
-// is to be changed. One of the files may be missing, a file that is not well-formed is refused.
+// Reads both files of the working directory and does the work. If the store is to be changed, the
+// lock between processes is held meanwhile, and after success the files that the work changed are
+// saved: both or none. One of the files may be missing; one that is not well-formed is refused.
 std::optional<Failure> with_store(Access access,
                                   const std::function<std::optional<Failure>(Store*)>& work);
 
-// The parts of that, for a store that is replaced as a whole.
+// All that can be read from a descriptor; false, with errno set, on an error.
+bool read_descriptor(int fd, std::string* content);
+
+// Parses a store file's content; the caller is inside libxml2 (libxml2_guard.h).
 std::optional<Failure> read_document(const std::string& name, const std::string& content,
                                      xmlDocPtr* document);
 
@@ -101,7 +104,7 @@ enum Existing { KEEP_EXISTING, REPLACE_EXISTING };
 std::optional<Failure> put_key(Store* store, const NewKey& key, Existing existing, bool* replaced,
                                Record* record);
 
-std::optional<Failure> rename_record(Store* store, const Record& record, const std::string& name);
+std::optional<Failure> rename_record(Store* store, const std::string& name, Record* record);
 
 void delete_record(Store* store, const Record& record);
 

@@ -134,7 +134,7 @@ static bool library_loads(const std::string& uid, const std::string& name)
 TEST_F(StoreCheck, FindsNothingInEmptyFiles)
 {
     EXPECT_EQ(all_of(check()), "");
-    EXPECT_FALSE(is_damaged(check()));
+    EXPECT_FALSE(store_is_damaged(check()));
 }
 
 TEST_F(StoreCheck, FindsNothingInAStoreWithEveryKeyOfTheDriver)
@@ -198,7 +198,7 @@ TEST_F(StoreCheck, FindsAFileThatIsNotWellFormedAndTellsTheLine)
         const Finding finding = only_finding();
         expect(finding, ERROR, "not-well-formed", PRIVATE_FILE, broken.line);
         EXPECT_NE(finding.cause.find(broken.cause), std::string::npos) << finding.cause;
-        EXPECT_TRUE(is_damaged({finding}));
+        EXPECT_TRUE(store_is_damaged({finding}));
     }
 }
 
@@ -219,7 +219,7 @@ TEST_F(StoreCheck, FindsAPrivateFileThatOthersCanRead)
         const Finding finding = only_finding();
         expect(finding, WARNING, "readable-by-others", PRIVATE_FILE, 0);
         EXPECT_EQ(finding.remedy, "chmod 600 key_contents_prv.xml");
-        EXPECT_FALSE(is_damaged({finding}));
+        EXPECT_FALSE(store_is_damaged({finding}));
     }
 }
 

@@ -226,6 +226,67 @@ static void add_provision(CLI::App* app, Request* request)
     add_replace(command, &options->existing);
 }
 
+static void add_import(CLI::App* app, Request* request)
+{
+    std::shared_ptr<ImportOptions> options;
+    CLI::App* command =
+        add_command(app, request, "import", "Add a P-256 key from a PEM or DER file, as of openssl",
+                    run_import, &options);
+    add_uid_and_name(command, &options->uid, &options->key_name);
+    options->key_file = "-";
+    command->add_option("--from", options->key_file, "Where the key is (default: standard input)")
+        ->type_name("FILE");
+    command
+        ->add_option("--passphrase-file", options->passphrase_file,
+                     "Whose first line opens an encrypted key (default: ask on the terminal)")
+        ->type_name("FILE");
+    command->add_flag("--public", options->public_only,
+                      "Take the public key only, also of a private key's file");
+    add_slot(command, &options->slot);
+    add_file_option(command, &options->file,
+                    "Where it goes (default: public for a public key, else private)");
+    add_metadata(command, &options->metadata);
+    add_replace(command, &options->existing);
+}
+
+static void add_export(CLI::App* app, Request* request)
+{
+    static const std::map<std::string, bool> IS_DER = {{"pem", false}, {"der", true}};
+    static const std::map<std::string, bool> IS_SEC1 = {{"pkcs8", false}, {"sec1", true}};
+    std::shared_ptr<ExportOptions> options;
+    CLI::App* command =
+        add_command(app, request, "export",
+                    "Write a P-256 key to a PEM or DER file, as for openssl", run_export, &options);
+    ExportOptions* kept = options.get();
+    add_selection(command, &options->selection);
+    options->output = "-";
+    command->add_option("--output", options->output, "Where it goes (default: standard output)")
+        ->type_name("FILE");
+    command
+        ->add_option_function<std::string>(
+            "--format", [kept](const std::string& name) { kept->is_der = IS_DER.at(name); },
+            "How it is written (default: pem)")
+        ->type_name("pem|der")
+        ->check(CLI::IsMember(IS_DER).description(""));
+    command
+        ->add_option_function<std::string>(
+            "--form", [kept](const std::string& name) { kept->is_sec1 = IS_SEC1.at(name); },
+            "The structure of a private key (default: pkcs8)")
+        ->type_name("pkcs8|sec1")
+        ->check(CLI::IsMember(IS_SEC1).description(""));
+    command->add_flag("--public", options->public_only, "Write the public key of a private one");
+    command->add_flag("--reveal", options->reveal, "Write a private key to a terminal as well");
+}
+
+static void add_check(CLI::App* app, Request* request)
+{
+    std::shared_ptr<CheckOptions> options;
+    CLI::App* command =
+        add_command(app, request, "check", "Tell what in the store would surprise the library",
+                    run_check, &options);
+    command->add_flag("--strict", options->strict, "Take warnings for errors");
+}
+
 static void add_common_options(CLI::App* app, Common* common)
 {
     app->add_option("--dir", common->directory, "The store's directory (default: the current one)")
@@ -252,6 +313,9 @@ std::optional<Failure> parse_command_line(int argc, char** argv, Request* reques
     add_copy(&app, request);
     add_rename(&app, request);
     add_delete(&app, request);
+    add_import(&app, request);
+    add_export(&app, request);
+    add_check(&app, request);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& asked_for_text) {

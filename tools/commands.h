@@ -90,4 +90,32 @@ struct ProvisionOptions {
 };
 std::optional<Failure> run_provision(const Common& common, const ProvisionOptions& options);
 
+struct ImportOptions {
+    std::string uid;
+    std::string key_name;
+    std::optional<uint32_t> slot;
+    std::optional<FileKind> file;
+    std::string key_file; // "-" is standard input
+    bool public_only;     // the public key of a private key's file
+    std::optional<std::string> passphrase_file;
+    std::optional<std::string> metadata;
+    Existing existing;
+};
+std::optional<Failure> run_import(const Common& common, const ImportOptions& options);
+
+struct ExportOptions {
+    Selection selection;
+    bool is_der;
+    bool is_sec1;
+    bool public_only;
+    bool reveal;        // a private key on a terminal
+    std::string output; // "-" is standard output
+};
+std::optional<Failure> run_export(const Common& common, const ExportOptions& options);
+
+struct CheckOptions {
+    bool strict; // warnings count as errors
+};
+std::optional<Failure> run_check(const Common& common, const CheckOptions& options);
+
 #endif

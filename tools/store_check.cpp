@@ -6,6 +6,8 @@
 
 #include "key_names.h"
 #include "p256_key_file.h"
+#include "store_file.h"
+#include "user_file.h"
 
 #include "key_driver/key_record.h"
 #include "key_driver/key_store_format.h"
@@ -40,7 +42,7 @@ static std::string name_of(ElementKind kind)
 
 // A record as the library sees it.
 struct CheckedRecord {
-    size_t file; // 0 the private, 1 the public one
+    FileKind file;
     const xmlNode* node;
     const xmlNode* first[5];       // element of each kind, null when there is none
     size_t count[5];               // of elements of each kind
@@ -48,7 +50,7 @@ struct CheckedRecord {
     const xmlNode* key_element;    // the one whose text is the key, null when there is none
 };
 
-// Where a UID with a key name, or a handle, was seen first: in each file, line 0 meaning nowhere.
+// Where a UID with a key name, or a handle, was seen first, by FileKind; line 0 is nowhere.
 struct Sightings {
     int line[2];
     bool has_key[2];
@@ -72,7 +74,7 @@ struct Message {
     std::string remedy;
 };
 
-static void report_file(Inspection* inspection, size_t file, int line, const Message& message)
+static void report_file(Inspection* inspection, FileKind file, int line, const Message& message)
 {
     inspection->findings.push_back({message.severity, inspection->files[file], line, "", "", "",
                                     message.what, message.cause, message.remedy});
@@ -103,7 +105,7 @@ static void report(Inspection* inspection, const CheckedRecord& record, const xm
          text_or_empty(record.first[HANDLE]), message.what, message.cause, message.remedy});
 }
 
-static std::string place(const Inspection& inspection, size_t file, int line)
+static std::string place(const Inspection& inspection, FileKind file, int line)
 {
     return "line " + std::to_string(line) + " of " + inspection.files[file];
 }
@@ -247,12 +249,12 @@ static void check_duplicate_key(Inspection* inspection, const CheckedRecord& rec
     }
     seen.line[record.file] = line_of(record.node);
     seen.has_key[record.file] = !text_or_empty(record.key_element).empty();
-    if (record.file == 1 && seen.line[0] != 0) {
+    if (record.file == PUBLIC_FILE && seen.line[PRIVATE_FILE] != 0) {
         report(inspection, record, record.node,
                {WARNING, "key-in-both-files",
-                "the record on " + place(*inspection, 0, seen.line[0]) +
+                "the record on " + place(*inspection, PRIVATE_FILE, seen.line[PRIVATE_FILE]) +
                     " has the same UID and key name: the key is loaded from " +
-                    (seen.has_key[0] ? "there" : "here, since there is none there") +
+                    (seen.has_key[PRIVATE_FILE] ? "there" : "here, since there is none there") +
                     ", handle and metadata are taken from here",
                 "delete one of the two, by its handle"});
     }
@@ -303,13 +305,14 @@ static void check_duplicate_handle(Inspection* inspection, const CheckedRecord& 
                                    const std::string& handle)
 {
     Sightings& seen = inspection->handles[handle];
-    const size_t other = seen.line[record.file] != 0 ? record.file : 1 - record.file;
-    if (seen.line[other] != 0) {
-        const bool this_one_is_found = record.file == 1 && other == 0;
+    const FileKind other_file = record.file == PRIVATE_FILE ? PUBLIC_FILE : PRIVATE_FILE;
+    const FileKind seen_in = seen.line[record.file] != 0 ? record.file : other_file;
+    if (seen.line[seen_in] != 0) {
+        const bool this_one_is_found = record.file == PUBLIC_FILE && seen_in == PRIVATE_FILE;
         report(inspection, record, record.first[HANDLE],
                {ERROR, "duplicate-handle",
                 "the handle is also that of the record on " +
-                    place(*inspection, other, seen.line[other]) + ", and " +
+                    place(*inspection, seen_in, seen.line[seen_in]) + ", and " +
                     (this_one_is_found ? "this" : "that") + " one is found by it",
                 "delete one of the two by UID and key name, and add it anew"});
     }
@@ -351,21 +354,6 @@ static void check_order_of_metadata(Inspection* inspection, const CheckedRecord&
 
 static const char* const ADD_ANEW = "add the key anew with --replace";
 
-static int value_of_digit(char digit)
-{
-    const char lower = static_cast<char>(tolower(static_cast<unsigned char>(digit)));
-    return lower >= 'a' ? lower - 'a' + 10 : lower - '0';
-}
-
-// `text` has two hexadecimal digits for each byte.
-static void convert(const char* text, uint8_t* bytes, size_t count)
-{
-    for (size_t i = 0; i < count; ++i) {
-        bytes[i] = static_cast<uint8_t>(value_of_digit(text[2 * i]) * 16 +
-                                        value_of_digit(text[2 * i + 1]));
-    }
-}
-
 static size_t hexadecimal_length(const char* text)
 {
     return strspn(text, "0123456789abcdefABCDEF");
@@ -380,7 +368,7 @@ static void check_private_number(Inspection* inspection, const CheckedRecord& re
                                  const char* text)
 {
     uint8_t number[32];
-    convert(text, number, sizeof number);
+    bytes_of_hexadecimal(text, number);
     if (!p256_scalar_is_in_range(number)) {
         report(inspection, record, record.key_element,
                {ERROR, "private-key-range", "the private key is not within 1 to n - 1 of P-256",
@@ -393,7 +381,7 @@ static void check_public_point(Inspection* inspection, const CheckedRecord& reco
                                const char* text)
 {
     uint8_t point[64];
-    convert(text, point, sizeof point);
+    bytes_of_hexadecimal(text, point);
     if (!p256_point_is_on_curve(point, point + 32)) {
         report(inspection, record, record.key_element,
                {ERROR, "public-key-off-curve", "the public key is not a point on the curve P-256",
@@ -485,7 +473,7 @@ static void check_name(Inspection* inspection, const CheckedRecord& record)
                 "no KTS slot has this name: slots are written as signed decimals of 32 bits",
                 "rename the key; slot 4294967295 is -1"});
     }
-    if (use && use->kind != P256_PUBLIC_KEY && record.file == 1) {
+    if (use && use->kind != P256_PUBLIC_KEY && record.file == PUBLIC_FILE) {
         report(inspection, record, record.node,
                {WARNING, "secret-in-public-file", "the public file holds a secret key",
                 "add the key to the private file, and delete it here"});
@@ -496,7 +484,7 @@ static void check_name(Inspection* inspection, const CheckedRecord& record)
 // Records and files
 // ---------------------------------------------------------------------------------------------
 
-static CheckedRecord look_at(size_t file, const xmlNode* node)
+static CheckedRecord look_at(FileKind file, const xmlNode* node)
 {
     CheckedRecord record = {};
     record.file = file;
@@ -563,7 +551,7 @@ static void check_record(Inspection* inspection, const CheckedRecord& record, co
 }
 
 // The records that the search visits, as it visits them.
-static void check_records(Inspection* inspection, size_t file, const xmlNode* first,
+static void check_records(Inspection* inspection, FileKind file, const xmlNode* first,
                           const xmlNode* root)
 {
     for (const xmlNode* node = first; node != NULL; node = node->next) {
@@ -575,9 +563,9 @@ static void check_records(Inspection* inspection, size_t file, const xmlNode* fi
     }
 }
 
-static void check_permissions(Inspection* inspection, size_t file, mode_t mode)
+static void check_permissions(Inspection* inspection, FileKind file, mode_t mode)
 {
-    if (file == 0 && (mode & (S_IRGRP | S_IROTH)) != 0) {
+    if (file == PRIVATE_FILE && (mode & (S_IRGRP | S_IROTH)) != 0) {
         report_file(inspection, file, 0,
                     {WARNING, "readable-by-others", "others than the owner can read private keys",
                      std::string("chmod 600 ") + inspection->files[file]});
@@ -635,7 +623,7 @@ static Message message_of(const ParserError& error)
 
 // As the store reads it, except that lines are counted beyond 65535. Null, and reported, for a file
 // that it would not read.
-static xmlDocPtr read_as_store(Inspection* inspection, size_t file)
+static xmlDocPtr read_as_store(Inspection* inspection, FileKind file)
 {
     ParserError error = {};
     // The second parameter's type differs between libxml2's versions.
@@ -658,7 +646,7 @@ static xmlDocPtr read_as_store(Inspection* inspection, size_t file)
     return document;
 }
 
-static void check_content(Inspection* inspection, size_t file)
+static void check_content(Inspection* inspection, FileKind file)
 {
     libxml2_enter();
     xmlDocPtr document = read_as_store(inspection, file);
@@ -670,7 +658,7 @@ static void check_content(Inspection* inspection, size_t file)
     libxml2_leave(true);
 }
 
-static void check_file(Inspection* inspection, size_t file)
+static void check_file(Inspection* inspection, FileKind file)
 {
     const char* name = inspection->files[file];
     struct stat status = {};
@@ -693,7 +681,7 @@ static void check_file(Inspection* inspection, size_t file)
 std::vector<Finding> check_store(const char* private_file, const char* public_file)
 {
     Inspection inspection = {{private_file, public_file}, {}, {}, {}};
-    for (size_t file = 0; file < 2; ++file) {
+    for (FileKind file : FILE_KINDS) {
         const size_t begin = inspection.findings.size();
         check_file(&inspection, file);
         std::stable_sort(inspection.findings.begin() + static_cast<std::ptrdiff_t>(begin),
@@ -703,7 +691,7 @@ std::vector<Finding> check_store(const char* private_file, const char* public_fi
     return inspection.findings;
 }
 
-bool is_damaged(const std::vector<Finding>& findings)
+bool store_is_damaged(const std::vector<Finding>& findings)
 {
     return std::any_of(findings.begin(), findings.end(),
                        [](const Finding& finding) { return finding.severity == ERROR; });

@@ -28,6 +28,6 @@ struct Finding {
 std::vector<Finding> check_store(const char* private_file, const char* public_file);
 
 // Whether there is an error among the findings.
-bool is_damaged(const std::vector<Finding>& findings);
+bool store_is_damaged(const std::vector<Finding>& findings);
 
 #endif

@@ -55,20 +55,23 @@ static bool read_unseen_line(int terminal, std::string* line)
     return was_read;
 }
 
+static Failure no_passphrase(const std::string& key_file, const char* why)
+{
+    return {REFUSED, key_file, 0, std::string("the private key is encrypted, and ") + why,
+            "give the passphrase with --passphrase-file"};
+}
+
 std::optional<Failure> ask_for_passphrase(const std::string& key_file, std::string* passphrase)
 {
-    const Failure refusal = {REFUSED, key_file, 0,
-                             "the private key is encrypted, and there is no terminal to ask for "
-                             "its passphrase",
-                             "give the passphrase with --passphrase-file"};
     const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (terminal < 0) {
-        return refusal;
+        return no_passphrase(key_file, "there is no terminal to ask for its passphrase");
     }
     dprintf(terminal, "Passphrase of %s: ", printable(key_file).c_str());
     const bool was_read = read_unseen_line(terminal, passphrase);
     dprintf(terminal, "\n");
     close(terminal);
     keep_first_line(passphrase);
-    return was_read ? std::nullopt : std::optional(refusal);
+    return was_read ? std::nullopt
+                    : std::optional(no_passphrase(key_file, "no passphrase was given"));
 }

@@ -46,6 +46,7 @@ static void add_init(CLI::App* app, Request* request)
     CLI::App* command =
         add_command(app, request, "init",
                     "Make both store files, empty (private 0600, public 0644)", run_init, &options);
+    command->parse_complete_callback([request]() { request->makes_directory = true; });
     command->add_flag("--missing", options->only_missing, "Make only the file that is missing");
 }
 
@@ -226,6 +227,24 @@ static void add_provision(CLI::App* app, Request* request)
     add_replace(command, &options->existing);
 }
 
+static void add_backup(CLI::App* app, Request* request)
+{
+    std::shared_ptr<BackupOptions> options;
+    CLI::App* command = add_command(
+        app, request, "backup", "Copy both files, with their permissions", run_backup, &options);
+    command->add_option("DIRECTORY", options->directory, "Where the copies go; made if need be")
+        ->required();
+}
+
+static void add_restore(CLI::App* app, Request* request)
+{
+    std::shared_ptr<RestoreOptions> options;
+    CLI::App* command = add_command(app, request, "restore",
+                                    "Bring both files back from a backup that is not damaged",
+                                    run_restore, &options);
+    command->add_option("DIRECTORY", options->directory, "Where backup put the copies")->required();
+}
+
 static void add_common_options(CLI::App* app, Common* common)
 {
     app->add_option("--dir", common->directory, "The store's directory (default: the current one)")
@@ -252,6 +271,8 @@ std::optional<Failure> parse_command_line(int argc, char** argv, Request* reques
     add_copy(&app, request);
     add_rename(&app, request);
     add_delete(&app, request);
+    add_backup(&app, request);
+    add_restore(&app, request);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& asked_for_text) {

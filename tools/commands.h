@@ -90,4 +90,14 @@ struct ProvisionOptions {
 };
 std::optional<Failure> run_provision(const Common& common, const ProvisionOptions& options);
 
+struct BackupOptions {
+    std::string directory;
+};
+std::optional<Failure> run_backup(const Common& common, const BackupOptions& options);
+
+struct RestoreOptions {
+    std::string directory;
+};
+std::optional<Failure> run_restore(const Common& common, const RestoreOptions& options);
+
 #endif

@@ -9,6 +9,7 @@
 // What the command line asks for: a command to run, or nothing more than the text that was printed.
 struct Request {
     Common common;
+    bool makes_directory; // the store's, if it is not there yet
     std::function<std::optional<Failure>(const Common&)> run;
 };
 

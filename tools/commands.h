@@ -117,5 +117,14 @@ struct CheckOptions {
     bool strict; // warnings count as errors
 };
 std::optional<Failure> run_check(const Common& common, const CheckOptions& options);
+struct BackupOptions {
+    std::string directory;
+};
+std::optional<Failure> run_backup(const Common& common, const BackupOptions& options);
+
+struct RestoreOptions {
+    std::string directory;
+};
+std::optional<Failure> run_restore(const Common& common, const RestoreOptions& options);
 
 #endif

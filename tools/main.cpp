@@ -8,16 +8,24 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <exception>
 
 // The library's units find a store in the working directory, and so does the tool.
-static std::optional<Failure> enter_directory(Common* common)
+static std::optional<Failure> enter_directory(Request* request)
 {
-    common->start_directory = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (!common->directory.empty() && chdir(common->directory.c_str()) != 0) {
-        return Failure{INPUT_OUTPUT, common->directory, 0,
+    Common& common = request->common;
+    common.start_directory = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (common.directory.empty()) {
+        return std::nullopt;
+    }
+    if (request->makes_directory) {
+        mkdir(common.directory.c_str(), S_IRWXU); // whether it is there now, entering it tells
+    }
+    if (chdir(common.directory.c_str()) != 0) {
+        return Failure{INPUT_OUTPUT, common.directory, 0,
                        std::string("cannot be entered: ") + strerror(errno),
                        "name the store's directory with --dir"};
     }
@@ -33,7 +41,7 @@ static std::optional<Failure> run(int argc, char** argv)
     if (!request.run) {
         return std::nullopt;
     }
-    if (std::optional<Failure> failure = enter_directory(&request.common)) {
+    if (std::optional<Failure> failure = enter_directory(&request)) {
         return failure;
     }
     return request.run(request.common);

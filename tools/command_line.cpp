@@ -286,69 +286,67 @@ static void add_check(CLI::App* app, Request* request)
         add_command(app, request, "check", "Tell what in the store would surprise the library",
                     run_check, &options);
     command->add_flag("--strict", options->strict, "Take warnings for errors");
+}
 
-    static void add_backup(CLI::App * app, Request * request)
-    {
-        std::shared_ptr<BackupOptions> options;
-        CLI::App* command =
-            add_command(app, request, "backup", "Copy both files, with their permissions",
-                        run_backup, &options);
-        command->add_option("DIRECTORY", options->directory, "Where the copies go; made if need be")
-            ->required();
-    }
+static void add_backup(CLI::App* app, Request* request)
+{
+    std::shared_ptr<BackupOptions> options;
+    CLI::App* command = add_command(
+        app, request, "backup", "Copy both files, with their permissions", run_backup, &options);
+    command->add_option("DIRECTORY", options->directory, "Where the copies go; made if need be")
+        ->required();
+}
 
-    static void add_restore(CLI::App * app, Request * request)
-    {
-        std::shared_ptr<RestoreOptions> options;
-        CLI::App* command = add_command(app, request, "restore",
-                                        "Bring both files back from a backup that is not damaged",
-                                        run_restore, &options);
-        command->add_option("DIRECTORY", options->directory, "Where backup put the copies")
-            ->required();
-    }
+static void add_restore(CLI::App* app, Request* request)
+{
+    std::shared_ptr<RestoreOptions> options;
+    CLI::App* command = add_command(app, request, "restore",
+                                    "Bring both files back from a backup that is not damaged",
+                                    run_restore, &options);
+    command->add_option("DIRECTORY", options->directory, "Where backup put the copies")->required();
+}
 
-    static void add_common_options(CLI::App * app, Common * common)
-    {
-        app->add_option("--dir", common->directory,
-                        "The store's directory (default: the current one)")
-            ->type_name("DIRECTORY");
-        app->add_flag("--quiet,-q", common->quiet, "Print results only, no messages");
-        app->add_flag("--json", common->json, "Print JSON, for programs");
-    }
+static void add_common_options(CLI::App* app, Common* common)
+{
+    app->add_option("--dir", common->directory, "The store's directory (default: the current one)")
+        ->type_name("DIRECTORY");
+    app->add_flag("--quiet,-q", common->quiet, "Print results only, no messages");
+    app->add_flag("--json", common->json, "Print JSON, for programs");
+}
 
-    std::optional<Failure> parse_command_line(int argc, char** argv, Request* request)
-    {
-        CLI::App app("Provisions, inspects and checks key stores.", "zentrava-keystore");
-        app.set_version_flag("--version", "zentrava-keystore " ZENTRAVA_VERSION,
-                             "Print the version and exit");
-        app.set_help_flag("--help,-h", "Print this help and exit");
-        app.require_subcommand(0, 1);
-        app.get_formatter()->column_width(32);
-        add_common_options(&app, &request->common);
-        add_init(&app, request);
-        add_list(&app, request);
-        add_show(&app, request);
-        add_add(&app, request);
-        add_generate(&app, request);
-        add_provision(&app, request);
-        add_copy(&app, request);
-        add_rename(&app, request);
-        add_delete(&app, request);
-        add_import(&app, request);
-        add_export(&app, request);
-        add_check(&app, request);
-        add_backup(&app, request);
-        add_restore(&app, request);
-        try {
-            app.parse(argc, argv);
-        } catch (const CLI::Success& asked_for_text) {
-            app.exit(asked_for_text);
-            return std::nullopt;
-        } catch (const CLI::ParseError& error) {
-            return Failure{USAGE, "", 0, error.what(), "see zentrava-keystore --help"};
-        }
-        if (!request->run) {
-            return Failure{USAGE, "", 0, "a command is missing", "see zentrava-keystore --help"};
-        }
+std::optional<Failure> parse_command_line(int argc, char** argv, Request* request)
+{
+    CLI::App app("Provisions, inspects and checks key stores.", "zentrava-keystore");
+    app.set_version_flag("--version", "zentrava-keystore " ZENTRAVA_VERSION,
+                         "Print the version and exit");
+    app.set_help_flag("--help,-h", "Print this help and exit");
+    app.require_subcommand(0, 1);
+    app.get_formatter()->column_width(32);
+    add_common_options(&app, &request->common);
+    add_init(&app, request);
+    add_list(&app, request);
+    add_show(&app, request);
+    add_add(&app, request);
+    add_generate(&app, request);
+    add_provision(&app, request);
+    add_copy(&app, request);
+    add_rename(&app, request);
+    add_delete(&app, request);
+    add_import(&app, request);
+    add_export(&app, request);
+    add_check(&app, request);
+    add_backup(&app, request);
+    add_restore(&app, request);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& asked_for_text) {
+        app.exit(asked_for_text);
         return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        return Failure{USAGE, "", 0, error.what(), "see zentrava-keystore --help"};
     }
+    if (!request->run) {
+        return Failure{USAGE, "", 0, "a command is missing", "see zentrava-keystore --help"};
+    }
+    return std::nullopt;
+}

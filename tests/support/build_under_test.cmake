@@ -12,10 +12,15 @@ if(ZENTRAVA_SANITIZE)
 endif()
 string(REPLACE ";" "$<SEMICOLON>" emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
 string(REPLACE ";" "$<SEMICOLON>" xml_libraries "${LIBXML2_LIBRARIES}")
+set(tool "")
+if(ZENTRAVA_BUILD_TOOLS)
+    set(tool "$<TARGET_FILE:zentrava-keystore>")
+endif()
 set(build_under_test
     "--source=${PROJECT_SOURCE_DIR}"
     "--build=${PROJECT_BINARY_DIR}"
     "--library=$<TARGET_FILE:zentrava_keys>"
+    "--tool=${tool}"
     "--cmake=${CMAKE_COMMAND}"
     "--toolchain=${CMAKE_TOOLCHAIN_FILE}"
     "--emulator=${emulator}"

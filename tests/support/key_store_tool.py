@@ -77,11 +77,15 @@ class ToolTestCase(BuildTestCase):
     def json(self, *arguments, **options):
         """Runs the tool with --json; the value that it printed, which has the form that is told."""
         value = json.loads(self.tool(*arguments, "--json", **options))
+        self.check_form(value)
+        self.assertEqual(value["command"], arguments[0])
+        return value
+
+    @staticmethod
+    def check_form(value):
         schema = Path(build.source, "tools", "zentrava-keystore.schema.json")
         jsonschema.Draft202012Validator(
             json.loads(schema.read_text(encoding="utf-8"))).validate(value)
-        self.assertEqual(value["command"], arguments[0])
-        return value
 
     # ---- The store
 

@@ -173,9 +173,7 @@ TEST_F(StoreCheck, FindsADirectoryInPlaceOfAFile)
 {
     unlink(PUBLIC_FILE);
     mkdir(PUBLIC_FILE, 0755);
-    const Finding finding = only_finding();
-    EXPECT_EQ(finding.severity, ERROR);
-    EXPECT_EQ(finding.file, PUBLIC_FILE);
+    expect(only_finding(), ERROR, "unreadable-file", PUBLIC_FILE, 0);
 }
 
 TEST_F(StoreCheck, FindsAFileThatIsNotWellFormedAndTellsTheLine)
@@ -424,6 +422,12 @@ TEST_F(StoreCheck, TakesTheSameNameOfAnotherUidForAnotherKey)
     write_store_file(PRIVATE_FILE,
                      record(U, "srk", "1", KEY) + record(std::string(32, 'f'), "srk", "2", KEY));
     EXPECT_EQ(all_of(check()), "");
+    // Nor do UID and name run into each other.
+    write_store_file(PRIVATE_FILE, record(U.substr(1), U[0] + std::string("x"), "1", KEY) +
+                                       record(U.substr(1) + U[0], "x", "2", KEY));
+    for (const Finding& finding : check()) {
+        EXPECT_EQ(finding.what, "uid-length");
+    }
 }
 
 // ---- Handles

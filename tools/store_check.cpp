@@ -272,9 +272,7 @@ static bool all_digits(const std::string& text)
 // Whether the handle made after this one would not be a positive number of 32 bits.
 static bool is_too_large(const std::string& digits)
 {
-    errno = 0;
-    const unsigned long long value = strtoull(digits.c_str(), NULL, 10);
-    return errno == ERANGE || value >= INT32_MAX;
+    return strtoull(digits.c_str(), NULL, 10) >= INT32_MAX; // the largest value if out of range
 }
 
 static void check_handle_text(Inspection* inspection, const CheckedRecord& record,

@@ -245,7 +245,7 @@ static void settle(FileKind kind, const Restoration& file, bool restored)
             rename(kept_name(file).c_str(), file.target.c_str());
         }
         unlink(kept_name(file).c_str());
-    } else if (file.was_made) {
+    } else if (file.was_made && !restored) {
         unlink(file_name(kind));
     }
 }

@@ -50,6 +50,11 @@ void* operator new(std::size_t size)
     return memory;
 }
 
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    return malloc(size);
+}
+
 void operator delete(void* memory) noexcept
 {
     wipe_and_free(memory);

@@ -216,7 +216,7 @@ static std::optional<Failure> prepare(FileKind kind, Restoration* file)
         return file->was_made ? std::nullopt : std::optional(cannot("cannot be made", name));
     }
     file->target = target_of(name);
-    unlink(kept_name(*file).c_str());
+    unlink(kept_name(*file).c_str()); // which a killed restore left
     file->is_kept = link(file->target.c_str(), kept_name(*file).c_str()) == 0;
     return file->is_kept ? std::nullopt : std::optional(cannot("cannot be kept aside", name));
 }
@@ -236,13 +236,15 @@ static std::optional<Failure> restore_file(FileKind kind, const Restoration& fil
     return done ? std::nullopt : std::optional(cannot("cannot be given the backup's owner", name));
 }
 
-// The kept name becomes the file's again, or goes.
+// The kept name becomes the file's again, or goes: also where both are names of one file, of which
+// rename would leave both.
 static void settle(FileKind kind, const Restoration& file, bool restored)
 {
-    if (restored) {
+    if (file.is_kept) {
+        if (!restored) {
+            rename(kept_name(file).c_str(), file.target.c_str());
+        }
         unlink(kept_name(file).c_str());
-    } else if (file.is_kept) {
-        rename(kept_name(file).c_str(), file.target.c_str());
     } else if (file.was_made) {
         unlink(file_name(kind));
     }

@@ -44,8 +44,7 @@ static void add_init(CLI::App* app, Request* request)
 {
     std::shared_ptr<InitOptions> options;
     CLI::App* command =
-        add_command(app, request, "init",
-                    "Make both store files, empty (private 0600, public 0644)", run_init, &options);
+        add_command(app, request, "init", "Make both store files, empty", run_init, &options);
     command->parse_complete_callback([request]() { request->makes_directory = true; });
     command->add_flag("--missing", options->only_missing, "Make only the file that is missing");
 }
@@ -66,25 +65,26 @@ static void add_list(CLI::App* app, Request* request)
 
 static void add_uid_and_name(CLI::App* command, std::string* uid, std::string* key_name)
 {
-    command->add_option("UID", *uid, "The device's UID, 32 characters")->required();
-    command->add_option("NAME", *key_name, "The key's name")->required();
+    command->add_option("UID", *uid, "The device's UID, 32 characters")->type_name("")->required();
+    command->add_option("NAME", *key_name, "The key's name")->type_name("")->required();
 }
 
 // By UID and name, or by handle.
 static void add_selection(CLI::App* command, Selection* selection)
 {
-    CLI::Option* uid = command->add_option("UID", selection->uid, "The device's UID");
-    CLI::Option* name = command->add_option("NAME", selection->key_name, "The key's name");
+    CLI::Option* uid =
+        command->add_option("UID", selection->uid, "The device's UID")->type_name("");
+    CLI::Option* name =
+        command->add_option("NAME", selection->key_name, "The key's name")->type_name("");
     CLI::Option* handle = command
                               ->add_option("--handle", selection->handle,
                                            "The key's handle, in place of UID and NAME")
-                              ->type_name("HANDLE")
-                              ->excludes(uid)
-                              ->excludes(name);
+                              ->type_name("HANDLE");
     add_file_option(command, &selection->file, "Look in this file only");
-    command->parse_complete_callback([name, handle]() {
-        if (name->count() == 0 && handle->count() == 0) {
-            throw CLI::RequiredError("UID and NAME, or --handle,");
+    command->parse_complete_callback([uid, name, handle]() {
+        const size_t names = uid->count() + name->count();
+        if (names != (handle->count() == 0 ? 2 : 0)) {
+            throw CLI::ValidationError("either UID and NAME or --handle tells which key");
         }
     });
 }
@@ -96,9 +96,7 @@ static void add_new_name(CLI::App* command, std::string* new_name)
 
 static void add_slot(CLI::App* command, std::optional<uint32_t>* slot)
 {
-    command
-        ->add_option("--slot", *slot,
-                     "The KTS slot: NAME is ecdsa_prv or ecdh_prv, and the key is NAME_slot_N")
+    command->add_option("--slot", *slot, "KTS slot of ecdsa_prv or ecdh_prv: name_slot_N")
         ->type_name("N");
 }
 
@@ -136,8 +134,7 @@ static void add_add(CLI::App* app, Request* request)
         ->type_name("FILE");
     command->add_flag("--raw", options->is_raw, "It is there as bytes, not as hexadecimal text");
     add_slot(command, &options->slot);
-    add_file_option(command, &options->file,
-                    "Where it goes (default: public for ECDSA_DS_PuK, else private)");
+    add_file_option(command, &options->file, "Where it goes (default: as the library uses NAME)");
     add_metadata(command, &options->metadata);
     add_replace(command, &options->existing);
 }
@@ -155,18 +152,18 @@ static void add_generate(CLI::App* app, Request* request)
     command
         ->add_option_function<std::string>(
             "--type", [kept](const std::string& name) { kept->kind = KINDS.at(name); },
-            "What to make (default: what the library uses a key of this name for, else hmac)")
+            "What to make (default: as the library uses NAME)")
         ->type_name("hmac|p256")
         ->check(CLI::IsMember(KINDS).description(""));
     add_slot(command, &options->slot);
     options->public_key_file = "-";
     command
         ->add_option("--public-key", options->public_key_file,
-                     "Where the public key goes, as PEM (default: standard output)")
+                     "Public key as PEM (default: standard output)")
         ->type_name("FILE");
     command
         ->add_option("--verifier", options->verifier_uid,
-                     "Store the public key for this UID as well, 64 bytes X, Y, in the public file")
+                     "Also store the public key, X and Y, for this UID")
         ->type_name("UID");
     options->verifier_name = VERIFICATION_KEY_NAME;
     command
@@ -216,6 +213,7 @@ static void add_provision(CLI::App* app, Request* request)
                     run_provision, &options);
     ProvisionOptions* kept = options.get();
     command->add_option("MANIFEST", options->manifest, "The list of keys, - for standard input")
+        ->type_name("")
         ->required();
     command
         ->add_option_function<std::string>(
@@ -239,13 +237,12 @@ static void add_import(CLI::App* app, Request* request)
         ->type_name("FILE");
     command
         ->add_option("--passphrase-file", options->passphrase_file,
-                     "Whose first line opens an encrypted key (default: ask on the terminal)")
+                     "Its first line opens the key (default: ask)")
         ->type_name("FILE");
     command->add_flag("--public", options->public_only,
                       "Take the public key only, also of a private key's file");
     add_slot(command, &options->slot);
-    add_file_option(command, &options->file,
-                    "Where it goes (default: public for a public key, else private)");
+    add_file_option(command, &options->file, "Where it goes (default: as the key is)");
     add_metadata(command, &options->metadata);
     add_replace(command, &options->existing);
 }
@@ -300,10 +297,12 @@ static void add_backup(CLI::App* app, Request* request)
 static void add_restore(CLI::App* app, Request* request)
 {
     std::shared_ptr<RestoreOptions> options;
-    CLI::App* command = add_command(app, request, "restore",
-                                    "Bring both files back from a backup that is not damaged",
-                                    run_restore, &options);
-    command->add_option("DIRECTORY", options->directory, "Where backup put the copies")->required();
+    CLI::App* command =
+        add_command(app, request, "restore", "Bring both files back from an undamaged backup",
+                    run_restore, &options);
+    command->add_option("DIRECTORY", options->directory, "Where backup put the copies")
+        ->type_name("")
+        ->required();
 }
 
 static void add_common_options(CLI::App* app, Common* common)
@@ -321,7 +320,7 @@ std::optional<Failure> parse_command_line(int argc, char** argv, Request* reques
                          "Print the version and exit");
     app.set_help_flag("--help,-h", "Print this help and exit");
     app.require_subcommand(0, 1);
-    app.get_formatter()->column_width(32);
+    app.get_formatter()->column_width(26);
     add_common_options(&app, &request->common);
     add_init(&app, request);
     add_list(&app, request);

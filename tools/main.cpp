@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <new>
 
 // The library's units find a store in the working directory, and so does the tool.
 static std::optional<Failure> enter_directory(Request* request)
@@ -51,6 +52,9 @@ static std::optional<Failure> run_without_exceptions(int argc, char** argv)
 {
     try {
         return run(argc, argv);
+    } catch (const std::bad_alloc&) {
+        return Failure{FAILED, "", 0, "there is not enough memory; nothing was changed",
+                       "free some memory"};
     } catch (const std::exception& exception) {
         return Failure{FAILED, "", 0, exception.what(), ""};
     }
@@ -67,5 +71,6 @@ int main(int argc, char** argv)
     if (failure) {
         report(*failure);
     }
+    wipe_stack();
     return failure ? failure->code : DONE;
 }

@@ -35,6 +35,12 @@ void begin_wiping_heap()
     mallopt(M_PERTURB, 0xff);
 }
 
+__attribute__((noinline)) void wipe_stack()
+{
+    char below[1 << 18]; // deeper than any call of the tool goes
+    explicit_bzero(below, sizeof below);
+}
+
 void* operator new(std::size_t size)
 {
     void* memory = malloc(size);

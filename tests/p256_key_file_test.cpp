@@ -429,6 +429,42 @@ TEST(P256KeyFile, TakesTheFirstAndTheLastNumberOfTheRange)
     }
 }
 
+// Some programs leave out a number's zeros in front.
+TEST(P256KeyFile, ReadsANumberWithoutItsZerosInFront)
+{
+    for (const size_t size : {1u, 16u, 31u}) {
+        SCOPED_TRACE(size);
+        const Bytes number = counting_from(1, size);
+        Bytes file = from_hex("30000201010400");
+        file[1] = static_cast<uint8_t>(17 + size);
+        file[6] = static_cast<uint8_t>(size);
+        file.insert(file.end(), number.begin(), number.end());
+        const Bytes curve = from_hex("a00a06082a8648ce3d030107");
+        file.insert(file.end(), curve.begin(), curve.end());
+        Bytes padded(32 - size, 0);
+        padded.insert(padded.end(), number.begin(), number.end());
+        const Answer answer = read(file);
+        ASSERT_FALSE(answer.failure) << answer.failure->cause;
+        EXPECT_EQ(to_hex(bytes_at(answer.key.scalar, 32)), to_hex(padded));
+        EXPECT_EQ(to_hex(coordinates(answer.key)), to_hex(key_pair_of(padded).coordinates));
+    }
+}
+
+TEST(P256KeyFile, RefusesAPublicKeyThatIsNoStringOfWholeBytes)
+{
+    for (const Bytes& file : {pkcs8(new_key()), spki(new_key())}) {
+        const size_t point = file.size() - 65;
+        ASSERT_EQ(file[point - 1], 0); // unused bits
+        ASSERT_EQ(file[point - 3], 3); // BIT STRING
+        Bytes damaged = file;
+        damaged[point - 1] = 1;
+        expect_refusal(read(damaged), NOT_A_KEY);
+        damaged = file;
+        damaged[point - 3] = 2;
+        expect_refusal(read(damaged), NOT_A_KEY);
+    }
+}
+
 TEST(P256KeyFile, RefusesWhatDoesNotNameItsCurve)
 {
     Bytes file = sec1_of_number(random_key_pair().private_key);

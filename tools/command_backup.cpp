@@ -241,10 +241,9 @@ static std::optional<Failure> restore_file(FileKind kind, const Restoration& fil
 static void settle(FileKind kind, const Restoration& file, bool restored)
 {
     if (file.is_kept) {
-        if (!restored) {
-            rename(kept_name(file).c_str(), file.target.c_str());
+        if (restored || rename(kept_name(file).c_str(), file.target.c_str()) == 0) {
+            unlink(kept_name(file).c_str());
         }
-        unlink(kept_name(file).c_str());
     } else if (file.was_made && !restored) {
         unlink(file_name(kind));
     }

@@ -1,4 +1,5 @@
-"""What zentrava-keystore writes, the library loads: for each key name, the operation that uses it."""
+"""What zentrava-keystore writes, the library loads: for each key name, the operation that uses
+it."""
 
 import hashlib
 import hmac

@@ -84,8 +84,9 @@ class ToolOutput(ToolTestCase):
     def test_show_wraps_long_metadata_at_the_terminals_width(self):
         self.init()
         self.add(UID, "srk", HMAC_KEY, "--metadata", LONG_TEXT)
-        self.assertIn("metadata: made on the bench at the far end of the hall in the second shift by\n"
-                      "          operator 17\n", self.tool("show", UID, "srk"))
+        self.assertIn(
+            "metadata: made on the bench at the far end of the hall in the second shift by\n"
+            "          operator 17\n", self.tool("show", UID, "srk"))
 
     # ---- Colours
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-// Gives one open file the owner and the permissions of another; false, with errno set, where that is
-// not permitted. At no time more people can read it than before or than the other.
+// Gives one open file the owner and the permissions of another; false, with errno set, where that
+// is not permitted. At no time more people can read it than before or than the other.
 bool copy_permissions(int from, int to);
 
 // Makes a file in a directory, which must not have one of this name, fills it, and reads it back

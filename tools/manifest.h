@@ -18,8 +18,8 @@ struct ManifestEntry {
     std::string metadata;
 };
 
-// CSV as in RFC 4180, with a first line that names the columns: uid, key_name and key, and if wanted
-// file and metadata, in any order. `name` is the manifest's in messages.
+// CSV as in RFC 4180, with a first line that names the columns: uid, key_name and key, and if
+// wanted file and metadata, in any order. `name` is the manifest's in messages.
 std::optional<Failure> read_csv_manifest(const std::string& name, const std::string& content,
                                          std::vector<ManifestEntry>* entries);
 

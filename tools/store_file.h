@@ -80,8 +80,8 @@ struct Selection {
     std::optional<FileKind> file;
 };
 
-// The record that is selected: in each file the first one, as for the library. Refused if both files
-// have one, since the library's functions differ in which of them they take.
+// The record that is selected: in each file the first one, as for the library. Refused if both
+// files have one, since the library's functions differ in which of them they take.
 std::optional<Failure> select_record(const Store& store, const Selection& selection,
                                      Record* record);
 

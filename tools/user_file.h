@@ -28,8 +28,8 @@ void bytes_of_hexadecimal(const std::string& text, uint8_t* bytes);
 
 bool is_hexadecimal(const std::string& text);
 
-// The key that a file holds, as hexadecimal text: the file's own, without white space, or that of its
-// bytes.
+// The key that a file holds, as hexadecimal text: the file's own, without white space, or that of
+// its bytes.
 std::optional<Failure> read_key(const Common& common, const std::string& name, bool is_raw,
                                 std::string* key);
 

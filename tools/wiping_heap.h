@@ -7,8 +7,8 @@
 // called once, before libxml2 is first used.
 void begin_wiping_heap();
 
-// Overwrites what finished calls left on the stack below the caller: what the dynamic linker found in
-// the processor's registers, for one, when it bound a function.
+// Overwrites what finished calls left on the stack below the caller: what the dynamic linker found
+// in the processor's registers, for one, when it bound a function.
 void wipe_stack();
 
 #endif

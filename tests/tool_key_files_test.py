@@ -4,6 +4,7 @@ import fcntl
 import os
 import pty
 import re
+import select
 import shlex
 import stat
 import subprocess
@@ -17,6 +18,7 @@ from key_store_tool import (HMAC_KEY, INPUT_OUTPUT, OTHER_UID, PRIVATE_FILE, PRI
                             PUBLIC_FILE, REFUSED, UID, USAGE, ToolTestCase, record, store_file)
 
 PASSPHRASE = "correct horse"
+PATIENCE = 60  # seconds
 
 
 class ToolKeyFiles(ToolTestCase):
@@ -102,6 +104,7 @@ class ToolKeyFiles(ToolTestCase):
         self.encrypt("-v2", "des3", "-out", "encrypted.pem")
         shown, code = self.run_on_own_terminal("import", UID, "ecdsa_prv", "--from",
                                                "encrypted.pem", typed=PASSPHRASE + "\n")
+        self.assertNotIn(PASSPHRASE, shown)
         self.assertEqual(code, 0, shown)
         self.assertEqual(shown.replace("\r\n", "\n"),
                          "Passphrase of encrypted.pem: \n"
@@ -363,16 +366,33 @@ class ToolKeyFiles(ToolTestCase):
         return error
 
     def run_on_own_terminal(self, *arguments, typed=""):
-        """Runs the tool in a session of its own whose terminal /dev/tty is; what that showed."""
+        """Runs the tool in a session of its own whose terminal /dev/tty is; what that showed. The
+        answer is typed as soon as a question stands there, whether the echo is off or not."""
         ours, its = pty.openpty()
         with subprocess.Popen([*build.emulator, build.tool, *arguments], cwd=self.directory,
                               stdin=its, stdout=its, stderr=its, start_new_session=True,
                               preexec_fn=lambda: fcntl.ioctl(its, termios.TIOCSCTTY, 0),
                               env={**os.environ, "NO_COLOR": "1"}) as process:
             os.close(its)
-            shown = self.converse(ours, typed.encode())
+            try:
+                shown = self.answered(ours, typed)
+            finally:
+                process.kill()  # if it still waits; else nothing
         os.close(ours)
-        return shown.decode(), process.returncode
+        return shown, process.returncode
+
+    def answered(self, terminal, typed):
+        """Everything that the terminal showed until the program's end."""
+        shown = b""
+        while select.select([terminal], [], [], PATIENCE)[0]:
+            try:
+                shown += os.read(terminal, 65536)
+            except OSError:  # nobody has the other side open any more
+                return shown.decode()
+            if typed and shown.endswith(b": "):
+                os.write(terminal, typed.encode())
+                typed = ""
+        self.fail(f"still waiting, having shown {shown}")
 
 
 if __name__ == "__main__":

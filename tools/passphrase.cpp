@@ -40,8 +40,9 @@ static bool read_line(int fd, std::string* line)
     return count > 0;
 }
 
-// Signals from the keyboard are off as well, so that none ends the process with the echo off.
-static bool read_unseen_line(int terminal, std::string* line)
+// The echo is off before the question is seen, and without that it is not asked. Signals from the
+// keyboard are off as well, so that none ends the process with the echo off.
+static bool ask_unseen(int terminal, const std::string& question, std::string* answer)
 {
     termios usual = {};
     if (tcgetattr(terminal, &usual) != 0) {
@@ -49,8 +50,12 @@ static bool read_unseen_line(int terminal, std::string* line)
     }
     termios unseen = usual;
     unseen.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);
-    tcsetattr(terminal, TCSAFLUSH, &unseen);
-    const bool was_read = read_line(terminal, line);
+    if (tcsetattr(terminal, TCSAFLUSH, &unseen) != 0) {
+        return false;
+    }
+    dprintf(terminal, "%s", question.c_str());
+    const bool was_read = read_line(terminal, answer);
+    dprintf(terminal, "\n");
     tcsetattr(terminal, TCSAFLUSH, &usual);
     return was_read;
 }
@@ -67,9 +72,8 @@ std::optional<Failure> ask_for_passphrase(const std::string& key_file, std::stri
     if (terminal < 0) {
         return no_passphrase(key_file, "there is no terminal to ask for its passphrase");
     }
-    dprintf(terminal, "Passphrase of %s: ", printable(key_file).c_str());
-    const bool was_read = read_unseen_line(terminal, passphrase);
-    dprintf(terminal, "\n");
+    const bool was_read =
+        ask_unseen(terminal, "Passphrase of " + printable(key_file) + ": ", passphrase);
     close(terminal);
     keep_first_line(passphrase);
     return was_read ? std::nullopt

@@ -3,8 +3,9 @@
  *
  *     ecdh_session [directory]
  *
- * Works on a key store with the device's key of the example in RFC 5903, section 8.1; the peer is
- * the other side of that example. The keys are published: use them for nothing else.
+ * Works on the key store of the directory, or makes one with the device's key of the example in
+ * RFC 5903, section 8.1; the peer is the other side of that example. The keys are published: use
+ * them for nothing else.
  */
 #include "example_support.h"
 

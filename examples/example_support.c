@@ -35,14 +35,20 @@ static bool write_store_file(const char* file_name, mode_t mode, const char* uid
     return fclose(file) == 0 && written;
 }
 
+static bool has_store(void)
+{
+    return access("key_contents_prv.xml", F_OK) == 0 && access("key_contents_pub.xml", F_OK) == 0;
+}
+
 bool begin_example(int argc, char** argv, const char* uid, const struct stored_key* private_keys,
                    const struct stored_key* public_keys)
 {
     const char* directory = argc > 1 ? argv[1] : mkdtemp(temporary_directory);
     is_temporary = argc <= 1 && directory != NULL;
     if (directory == NULL || chdir(directory) != 0 ||
-        !write_store_file("key_contents_prv.xml", 0600, uid, private_keys, 1) ||
-        !write_store_file("key_contents_pub.xml", 0644, uid, public_keys, 101)) {
+        (!has_store() &&
+         (!write_store_file("key_contents_prv.xml", 0600, uid, private_keys, 1) ||
+          !write_store_file("key_contents_pub.xml", 0644, uid, public_keys, 101)))) {
         perror("cannot make a key store");
         return false;
     }

@@ -19,8 +19,9 @@ struct stored_key {
 
 /*
  * Goes to the directory given on the command line, or to a temporary one, and makes the two key
- * store files there: the library finds them, by their bare names, in the current working directory.
- * The lists of keys end with a null name. False, after a message, when that fails.
+ * store files there, unless there are some: the library finds them, by their bare names, in the
+ * current working directory. The lists of keys end with a null name. False, after a message, when
+ * that fails.
  */
 bool begin_example(int argc, char** argv, const char* uid, const struct stored_key* private_keys,
                    const struct stored_key* public_keys);

@@ -3,7 +3,7 @@
  *
  *     key_store_tour [directory]
  *
- * Works on an empty key store. Adding a key to a file takes five seconds.
+ * Works on the key store of the directory, or makes an empty one. Adding a key to a file takes five seconds.
  */
 #include "example_support.h"
 

@@ -3,9 +3,9 @@
  *
  *     kts_slot [directory]
  *
- * Works on a key store with slot 3: its ECDSA key is the example key of RFC 6979, appendix A.2.5,
- * its ECDH key and the peer's are those of RFC 5903, section 8.1. They are published: use them for
- * nothing else.
+ * Works on the key store of the directory, or makes one with slot 3: its ECDSA key is the example
+ * key of RFC 6979, appendix A.2.5, its ECDH key and the peer's are those of RFC 5903, section 8.1.
+ * They are published: use them for nothing else.
  */
 #include "example_support.h"
 

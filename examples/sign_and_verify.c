@@ -3,8 +3,8 @@
  *
  *     sign_and_verify [directory]
  *
- * Works on a key store with the example key pair of RFC 6979, appendix A.2.5. It is published: use
- * it for nothing else.
+ * Works on the key store of the directory, or makes one with the example key pair of RFC 6979,
+ * appendix A.2.5. It is published: use it for nothing else.
  */
 #include "example_support.h"
 

@@ -3,7 +3,8 @@
  *
  *     typical_request [directory]
  *
- * Works on a key store with a random root key ("srk") for one device.
+ * Works on the key store of the directory, or makes one with a random root key ("srk") for one
+ * device.
  */
 #include "example_support.h"
 

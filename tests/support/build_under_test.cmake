@@ -12,10 +12,21 @@ if(ZENTRAVA_SANITIZE)
 endif()
 string(REPLACE ";" "$<SEMICOLON>" emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
 string(REPLACE ";" "$<SEMICOLON>" xml_libraries "${LIBXML2_LIBRARIES}")
+set(tool "")
+set(key_user "")
+set(memory_scan "")
+if(ZENTRAVA_BUILD_TOOLS)
+    set(tool "$<TARGET_FILE:zentrava-keystore>")
+    set(key_user "$<TARGET_FILE:tool_key_user>")
+    set(memory_scan "$<TARGET_FILE:memory_scan>")
+endif()
 set(build_under_test
     "--source=${PROJECT_SOURCE_DIR}"
     "--build=${PROJECT_BINARY_DIR}"
     "--library=$<TARGET_FILE:zentrava_keys>"
+    "--tool=${tool}"
+    "--key-user=${key_user}"
+    "--memory-scan=${memory_scan}"
     "--cmake=${CMAKE_COMMAND}"
     "--toolchain=${CMAKE_TOOLCHAIN_FILE}"
     "--emulator=${emulator}"

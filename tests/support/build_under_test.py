@@ -15,8 +15,8 @@ build = argparse.Namespace()
 def run_test(test_case):
     """Runs one test method, the last argument: the others say what build it is about."""
     parser = argparse.ArgumentParser()
-    for name in ("source", "build", "library", "cmake", "toolchain", "pkg-config", "nm", "readelf",
-                 "cc", "cxx"):
+    for name in ("source", "build", "library", "tool", "key-user", "memory-scan", "cmake",
+                 "toolchain", "pkg-config", "nm", "readelf", "cc", "cxx"):
         parser.add_argument("--" + name)
     for name in ("c-flags", "cxx-flags"):
         parser.add_argument("--" + name, type=shlex.split)

@@ -19,11 +19,12 @@ template <typename Call> void on_a_small_stack(Call call)
         (*static_cast<Call*>(argument))();
         return nullptr;
     };
-    // libxml2 keeps a record for each thread but the one that initialised it, and loses it when that
-    // thread cleans up. Let the new thread be the one.
+    // libxml2 keeps a record for each thread but the one that initialised it, and loses it at a
+    // clean-up. Let the new thread be the one, and this thread afterwards.
     xmlCleanupParser();
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, &attributes, start, &call), 0);
     ASSERT_EQ(pthread_join(thread, nullptr), 0);
+    xmlCleanupParser();
     ASSERT_EQ(pthread_attr_destroy(&attributes), 0);
 }

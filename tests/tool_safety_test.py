@@ -37,10 +37,16 @@ class ToolSafety(ToolTestCase):
             "and to the space on the disk")
         self.assertEqual(self.files(), before)
 
+    def test_a_public_key_is_not_left_behind_if_its_private_key_cannot_be_saved(self):
+        self.init()
+        before = self.files()
+        self.refusal(INPUT_OUTPUT, "generate", UID, "ecdsa_prv", "--public-key", "key.pem",
+                     "--metadata", "m" * 9000, preexec_fn=lambda: limit_file_size(4096))
+        self.assertEqual(self.files(), before)
+
     def test_a_change_of_both_files_is_undone_if_the_second_cannot_be_saved(self):
         self.init()
         self.add(UID, "srk", HMAC_KEY)
-        before = self.files()
         self.write("manifest.csv", "uid,key_name,key,file,metadata\n"
                    f"{UID},crk,{HMAC_KEY},private,\n"
                    f"{UID},ECDSA_DS_PuK,{PUBLIC_KEY},public,{'m' * 9000}\n")

@@ -69,6 +69,13 @@ class Exports(BuildTestCase):
         stack, = self.program_headers("GNU_STACK")
         self.assertNotIn("E", stack.split()[6])
 
+    def test_loading_it_runs_no_code_of_its_own(self):
+        if any("-fsanitize" in flag for flag in build.cxx_flags):
+            self.skipTest("sanitizers run code of theirs when the library is loaded")
+        # What there is is the compiler's: one pointer, to its own start-up function.
+        pointer = {"ELF32": "4 (bytes)", "ELF64": "8 (bytes)"}[self.readelf("-h", r"Class: +(.*)")[0]]
+        self.assertEqual(self.dynamic_entries("INIT_ARRAYSZ"), [pointer])
+
     def test_assertions_name_the_sources_from_the_root_of_the_tree(self):
         if any("address" in flag or "undefined" in flag for flag in build.cxx_flags):
             self.skipTest("these sanitizers put full source names of their own into the library")

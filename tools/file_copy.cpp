@@ -37,19 +37,6 @@ bool copy_permissions(int from, int to)
     return copy_access_control_list(from, to) && fchmod(to, wanted.st_mode & 07777) == 0;
 }
 
-static bool fill(int fd, const std::string& content)
-{
-    for (size_t done = 0; done < content.size();) {
-        const ssize_t count = write(fd, content.data() + done, content.size() - done);
-        if (count > 0) {
-            done += static_cast<size_t>(count);
-        } else if (errno != EINTR) {
-            return false;
-        }
-    }
-    return fsync(fd) == 0;
-}
-
 // The pages in memory are given up first, as far as the system allows, so that it is the disk that
 // answers.
 static bool holds(int fd, const std::string& content)
@@ -70,7 +57,7 @@ bool make_copy(int directory, const char* name, const std::string& content, int 
     if (fd < 0) {
         return false;
     }
-    const bool made = fill(fd, content) && holds(fd, content) &&
+    const bool made = write_descriptor(fd, content) && holds(fd, content) &&
                       copy_permissions(permissions_of, fd) && fsync(fd) == 0;
     const int error = errno;
     close(fd);

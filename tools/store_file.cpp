@@ -57,6 +57,19 @@ bool read_descriptor(int fd, std::string* content)
     }
 }
 
+bool write_descriptor(int fd, const std::string& content)
+{
+    for (size_t done = 0; done < content.size();) {
+        const ssize_t count = write(fd, content.data() + done, content.size() - done);
+        if (count > 0) {
+            done += static_cast<size_t>(count);
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return fsync(fd) == 0;
+}
+
 // libxml2's own words stay unsaid: they can quote a piece of the file, and so of a key.
 std::optional<Failure> read_document(const std::string& name, const std::string& content,
                                      xmlDocPtr* document)

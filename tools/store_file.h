@@ -47,6 +47,9 @@ std::optional<Failure> with_store(Access access,
 // All that can be read from a descriptor; false, with errno set, on an error.
 bool read_descriptor(int fd, std::string* content);
 
+// Writes all of it and brings it to the disk; false, with errno set, on an error.
+bool write_descriptor(int fd, const std::string& content);
+
 // Parses a store file's content; the caller is inside libxml2 (libxml2_guard.h).
 std::optional<Failure> read_document(const std::string& name, const std::string& content,
                                      xmlDocPtr* document);

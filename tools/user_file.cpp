@@ -59,19 +59,6 @@ std::optional<Failure> read_user_file(const Common& common, const std::string& n
     return failure;
 }
 
-static bool write_all(int fd, const std::string& content)
-{
-    for (size_t done = 0; done < content.size();) {
-        const ssize_t count = write(fd, content.data() + done, content.size() - done);
-        if (count > 0) {
-            done += static_cast<size_t>(count);
-        } else if (errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
-}
-
 std::optional<Failure> write_user_file(const Common& common, const std::string& name,
                                        const std::string& content, mode_t mode)
 {
@@ -85,7 +72,7 @@ std::optional<Failure> write_user_file(const Common& common, const std::string& 
         return cannot("cannot be made", name);
     }
     std::optional<Failure> failure;
-    if (!write_all(fd, content) || fsync(fd) != 0) {
+    if (!write_descriptor(fd, content)) {
         failure = cannot("cannot be written", name);
         remove_user_file(common, name);
     }

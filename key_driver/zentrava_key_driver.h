@@ -2,7 +2,7 @@
  * The key driver: a context for one device identity (UID), the keys loaded and derived into it,
  * and HMAC-SHA256 tags and ECDSA signatures made and checked with them.
  *
- * A request, from beginning to end (examples/typical_request.c is the whole program):
+ * A request, from beginning to end (examples/tag_and_verify.c is the whole program):
  *
  *     KeyLibraryContext context;
  *     uint8_t* context_buf = (uint8_t*)&context;

@@ -46,7 +46,8 @@ class Examples(BuildTestCase):
 
     def test_kts_slot_tags_and_signs_as_openssl_says(self):
         signing_key, agreement_key = oracles.new_private_key(), oracles.new_private_key()
-        write_store(self.directory, {"ecdsa_prv_slot_3": signing_key, "ecdh_prv_slot_3": agreement_key})
+        write_store(self.directory,
+                    {"ecdsa_prv_slot_3": signing_key, "ecdh_prv_slot_3": agreement_key})
         printed = self.run_example("kts_slot")
         agreed = oracles.secret(agreement_key, value(printed, "peer"))
         self.assertEqual(value(printed, "tag"), oracles.tag(agreed, MESSAGE))

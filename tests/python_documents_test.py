@@ -103,4 +103,4 @@ def modules_of(package):
 
 
 if __name__ == "__main__":
-    run_test(PythonDocuments, loads_library=True)
+    run_test(PythonDocuments)

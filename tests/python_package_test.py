@@ -259,16 +259,11 @@ class PythonPackage(LibraryTestCase):
                    f"    print(zentrava_keys.Library({argument}).path)\n"
                    "except zentrava_keys.LibraryNotFoundError as error:\n"
                    "    print(error)\n")
-        variables = {"PYTHONPATH": str(Path(build.source, "python")), **environment}
+        variables = {"PATH": os.environ["PATH"], "PYTHONPATH": str(Path(build.source, "python")),
+                     **environment}
         result = subprocess.run([sys.executable, "-B", "-c", program], check=True, text=True,
-                                env={**passed_on(), **variables}, stdout=subprocess.PIPE)
+                                env=variables, stdout=subprocess.PIPE)
         return result.stdout.strip()
-
-
-def passed_on():
-    """What a process needs that loads a library built with sanitizers."""
-    return {name: os.environ[name] for name in ("LD_PRELOAD", "ASAN_OPTIONS", "PATH")
-            if name in os.environ}
 
 
 def types_of(prototypes, header):
@@ -284,4 +279,4 @@ def types_of(prototypes, header):
 
 
 if __name__ == "__main__":
-    run_test(PythonPackage, loads_library=True)
+    run_test(PythonPackage)

@@ -36,8 +36,9 @@ def start_again_with_sanitizer():
     runtime = subprocess.run([build.cc, "-print-file-name=libasan.so"], check=True, text=True,
                              stdout=subprocess.PIPE).stdout.strip()
     os.execve(sys.executable, [sys.executable, "-B", *sys.argv],
-              # Python keeps memory of its own to the end.
-              {**os.environ, "LD_PRELOAD": runtime, "ASAN_OPTIONS": "detect_leaks=0"})
+              # Python keeps memory of its own to the end, and cuts buffers from blocks of its own.
+              {**os.environ, "LD_PRELOAD": runtime, "ASAN_OPTIONS": "detect_leaks=0",
+               "PYTHONMALLOC": "malloc"})
 
 
 class BuildTestCase(unittest.TestCase):

@@ -185,7 +185,7 @@ class PythonKeys(LibraryTestCase):
 
     def test_a_context_is_closed_after_an_error_and_when_it_is_forgotten(self):
         closed = self.count_calls("key_lib_close")
-        with self.assertRaises(KeyError), self.keys.open(UID):
+        with self.assertRaises(KeyError), self.keys.open(UID) as device:
             raise KeyError
         self.assertEqual(len(closed), 1)
         device = self.keys.open(UID)
@@ -244,7 +244,8 @@ class PythonKeys(LibraryTestCase):
                 self.assertEqual(point(form), key)
             self.assertNotEqual(point(bytes([3 - key[-1] % 2]) + key[:32]), key)
         prime = 2**256 - 2**224 + 2**192 + 2**96 - 1
-        for wrong in (key[:-1] + bytes([key[-1] ^ 1]), b"\4" + bytes(64), b"\2" + b"\xff" * 32,
+        self.assertEqual(point(b"\2" + (5).to_bytes(32, "big"))[:32], (5).to_bytes(32, "big"))
+        for wrong in (key[:-1] + bytes([key[-1] ^ 1]), b"\4" + bytes(64), b"\2" + (prime + 5).to_bytes(32, "big"),
                       key[:32] + (prime + 1).to_bytes(32, "big"), b"\5" + key[:32],
                       b"\2" + (1).to_bytes(32, "big"), b"\2" + key, key[:33], b""):
             with self.subTest(wrong.hex()), self.assertRaisesRegex(ValueError, "^public_key: "):
@@ -310,7 +311,7 @@ class PythonKeys(LibraryTestCase):
         self.assertEqual(store.describe(UID, "srk"), ("2", "made on the bench & kept"))
         with self.assertRaisesRegex(self.zentrava_keys.StoreError,
                                     "^add_nonvolatile_based_key returned 1: "):
-            store.add(UID, "srk", OTHER_KEY)
+            store.add(UID, "srk", KEY)  # which is the one in place
         self.assertEqual(private_keys(self.directory)["srk"], KEY)
         store.add(UID, "srk", OTHER_KEY, replace=True)
         self.assertEqual(private_keys(self.directory), {"other": KEY, "srk": OTHER_KEY})

@@ -144,7 +144,12 @@ class PythonPackage(LibraryTestCase):
 
     def test_what_the_library_prints_comes_out_at_the_call(self):
         self.write_store({})
-        self.assertEqual(self.printed_by(self.keys.store.get, UID, "srk"),
+        # A process that ends like this leaves what is buffered unwritten.
+        self.assertEqual(self.printed_by("import os, zentrava_keys\n"
+                                         "try:\n"
+                                         f"    zentrava_keys.Library().store.get('{UID}', 'srk')\n"
+                                         "except zentrava_keys.StoreError:\n"
+                                         "    os._exit(0)\n", ZENTRAVA_KEYS_LIBRARY=build.library),
                          "[get_key] error: can't find key\n")
 
     def test_wrong_types_are_refused_before_the_call(self):
@@ -254,16 +259,19 @@ class PythonPackage(LibraryTestCase):
     def loaded(self, path=None, **environment):
         """The path that another process says it loaded, or the error that it had."""
         argument = "" if path is None else repr(path).replace("PosixPath", "pathlib.Path")
-        program = ("import pathlib, zentrava_keys\n"
-                   "try:\n"
-                   f"    print(zentrava_keys.Library({argument}).path)\n"
-                   "except zentrava_keys.LibraryNotFoundError as error:\n"
-                   "    print(error)\n")
-        variables = {"PATH": os.environ["PATH"], "PYTHONPATH": str(Path(build.source, "python")),
-                     **environment}
-        result = subprocess.run([sys.executable, "-B", "-c", program], check=True, text=True,
-                                env=variables, stdout=subprocess.PIPE)
-        return result.stdout.strip()
+        return self.printed_by("import pathlib, zentrava_keys\n"
+                               "try:\n"
+                               f"    print(zentrava_keys.Library({argument}).path)\n"
+                               "except zentrava_keys.LibraryNotFoundError as error:\n"
+                               "    print(error)\n", **environment).strip()
+
+    def printed_by(self, program, **environment):
+        """What another process prints, in an environment of its own."""
+        return subprocess.run([sys.executable, "-B", "-c", program], check=True, text=True,
+                              cwd=self.directory, stdout=subprocess.PIPE,
+                              env={"PATH": os.environ["PATH"],
+                                   "PYTHONPATH": str(Path(build.source, "python")),
+                                   **environment}).stdout
 
 
 def types_of(prototypes, header):

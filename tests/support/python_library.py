@@ -1,6 +1,5 @@
 """The Python package over the library under test, in the directory of a key store of the test."""
 
-import os
 import sys
 import tempfile
 from pathlib import Path
@@ -21,19 +20,3 @@ class LibraryTestCase(BuildTestCase):
 
     def write_store(self, private_keys, public_keys=None):
         write_store(self.directory, private_keys, public_keys)
-
-    def printed_by(self, function, *arguments):
-        """What a call brings out on file descriptor 1 before it returns or raises."""
-        with tempfile.TemporaryFile() as file:
-            before = os.dup(1)
-            os.dup2(file.fileno(), 1)
-            try:
-                function(*arguments)
-            except self.zentrava_keys.KeyLibraryError:
-                pass
-            finally:
-                file.seek(0)
-                printed = file.read().decode()
-                os.dup2(before, 1)
-                os.close(before)
-        return printed

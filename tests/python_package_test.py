@@ -113,6 +113,11 @@ class PythonPackage(LibraryTestCase):
                                      (uid, key[1:])):
             self.assertEqual(add(wrong_uid, b"m", wrong_key, None, handle, 128), 1)
 
+    def test_the_key_names_are_those_that_the_headers_tell(self):
+        header = Path(build.source, "key_driver", "zentrava_key_driver.h").read_text("utf-8")
+        told = {name for name in re.findall(r'"(\w+)"', header) if "_slot_" not in name} - {"C"}
+        self.assertEqual(set(self.zentrava_keys.KEY_NAMES), told)
+
     # ---- Errors
 
     def test_an_error_carries_the_functions_name_and_its_result(self):
@@ -151,6 +156,16 @@ class PythonPackage(LibraryTestCase):
                                          "except zentrava_keys.StoreError:\n"
                                          "    os._exit(0)\n", ZENTRAVA_KEYS_LIBRARY=build.library),
                          "[get_key] error: can't find key\n")
+
+    def test_a_context_that_is_still_open_is_closed_when_the_process_ends(self):
+        printed = self.printed_by("import zentrava_keys\n"
+                                  "keys = zentrava_keys.Library()\n"
+                                  "close = keys._native._functions['key_lib_close']\n"
+                                  "keys._native._functions['key_lib_close'] = (\n"
+                                  "    lambda location: print('closed') or close(location))\n"
+                                  f"device = keys.open('{UID}')\n"
+                                  "print('end')\n", ZENTRAVA_KEYS_LIBRARY=build.library)
+        self.assertEqual(printed, "end\nclosed\n")
 
     def test_wrong_types_are_refused_before_the_call(self):
         with self.keys.open(UID) as device:

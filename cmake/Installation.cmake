@@ -27,5 +27,7 @@ cmake_path(RELATIVE_PATH to BASE_DIRECTORY "${from}" OUTPUT_VARIABLE zentrava_in
 configure_file(cmake/zentrava_keys.pc.in zentrava_keys.pc @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/zentrava_keys.pc" DESTINATION "${zentrava_pkgconfig_dir}")
 
-# The examples' sources, with which they are built by themselves.
-install(DIRECTORY examples/ DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples")
+install(DIRECTORY examples
+    DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+    COMPONENT documentation
+    FILES_MATCHING PATTERN "*.[ch]" PATTERN "*.cpp" PATTERN "CMakeLists.txt")

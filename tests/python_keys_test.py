@@ -7,11 +7,12 @@ import os
 import sys
 import threading
 import time
+import traceback
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).parent / "support"))
 import oracles
-from build_under_test import build, run_test
+from build_under_test import run_test
 from key_store_files import PRIVATE_FILE, PUBLIC_FILE, UID, private_keys, records, write_store
 from python_library import LibraryTestCase
 
@@ -303,21 +304,34 @@ class PythonKeys(LibraryTestCase):
                 call()
 
     def test_a_key_is_added_replaced_and_not_replaced_unasked(self):
-        if build.is_sanitized:
-            self.skipTest("takes long: each time the library sleeps for five seconds")
-        self.write_store({"other": KEY})
         store = self.keys.store
-        store.add(UID, "srk", KEY, metadata="made on the bench & kept")
-        self.assertEqual(store.describe(UID, "srk"), ("2", "made on the bench & kept"))
-        with self.assertRaisesRegex(self.zentrava_keys.StoreError,
-                                    "^add_nonvolatile_based_key returned 1: "):
-            store.add(UID, "srk", KEY)  # which is the one in place
-        self.assertEqual(private_keys(self.directory)["srk"], KEY)
-        store.add(UID, "srk", OTHER_KEY, replace=True)
-        self.assertEqual(private_keys(self.directory), {"other": KEY, "srk": OTHER_KEY})
-        store.add(UID, "open", KEY, private=False)
-        self.assertEqual([record["key"] for record in records(self.directory, PUBLIC_FILE)],
-                         [KEY.hex()])
+
+        def add():
+            self.write_store({"other": KEY})
+            store.add(UID, "srk", KEY, metadata="made on the bench & kept")
+            self.assertEqual(store.describe(UID, "srk"), ("2", "made on the bench & kept"))
+            self.assertEqual(private_keys(self.directory), {"other": KEY, "srk": KEY})
+
+        def add_again():
+            self.write_store({"srk": KEY})
+            with self.assertRaisesRegex(self.zentrava_keys.StoreError,
+                                        "^add_nonvolatile_based_key returned 1: "):
+                store.add(UID, "srk", KEY)  # which is the one in place
+            self.assertEqual(private_keys(self.directory), {"srk": KEY})
+
+        def replace():
+            self.write_store({"other": KEY, "srk": KEY}, {"srk": KEY})
+            store.add(UID, "srk", OTHER_KEY, replace=True)
+            self.assertEqual(private_keys(self.directory), {"other": KEY, "srk": OTHER_KEY})
+            self.assertEqual(store.read_public(UID, "srk"), KEY.hex())
+
+        def replace_public():
+            self.write_store({"srk": KEY}, {"srk": KEY})
+            store.add(UID, "srk", OTHER_KEY, private=False, replace=True)
+            self.assertEqual(private_keys(self.directory), {"srk": KEY})
+            self.assertEqual(store.read_public(UID, "srk"), OTHER_KEY.hex())
+        # At the same time: in each of them the library sleeps for five seconds.
+        self.run_in_processes(add, add_again, replace, replace_public)
 
     def test_a_replacement_that_fails_raises(self):
         # Without a file to read, the library returns at once.
@@ -365,6 +379,24 @@ class PythonKeys(LibraryTestCase):
         self.assertEqual(most, [1] * 10)
 
     # ---- Helpers
+
+    def run_in_processes(self, *calls):
+        """Runs each call in a process and a directory of its own; all have to succeed."""
+        children = []
+        for call in calls:
+            child = os.fork()
+            if child == 0:
+                try:
+                    self.directory = self.directory / call.__name__
+                    self.directory.mkdir()
+                    with self.zentrava_keys.working_in(self.directory):
+                        call()
+                except BaseException:
+                    traceback.print_exc()
+                    os._exit(1)
+                os._exit(0)
+            children.append(child)
+        self.assertEqual([os.waitpid(child, 0)[1] for child in children], [0] * len(children))
 
     def count_calls(self, function):
         """A list that grows with each call of a function."""

@@ -14,6 +14,10 @@
  *     gen_session_sha256_hmac(context_buf, msg, msg_len, digest);
  *     key_lib_close(context_buf);
  *
+ * The same from C++, with a root key instead:
+ *
+ * @snippet from_cpp.cpp from C++
+ *
  * What holds for every function here:
  *
  * - `context_buf` is the address of a pointer-sized location that holds the context pointer, as a
@@ -144,7 +148,8 @@ KeyLibraryErrorCode key_lib_clear_keys(const uint8_t* context_buf);
  * @{
  */
 
-/** @{ */
+/** @name Keys from the key store
+ * @{ */
 /**
  * Load a key of the context's UID from the key store, as the table above says.
  *
@@ -170,6 +175,8 @@ KeyLibraryErrorCode key_lib_clear_keys(const uint8_t* context_buf);
  *                                   unconverted (get_key).
  *
  * @snippet loading_keys.c from the store
+ *
+ * @snippet loading_keys.c a failed load
  */
 KeyLibraryErrorCode set_srk_as_hmac_root_signing_key(const uint8_t* context_buf, bool force);
 KeyLibraryErrorCode set_crk_as_hmac_root_signing_key(const uint8_t* context_buf, bool force);
@@ -178,7 +185,8 @@ KeyLibraryErrorCode set_ecdsa_signing_key(const uint8_t* context_buf, bool force
 KeyLibraryErrorCode set_ecdsa_verification_key(const uint8_t* context_buf, bool force);
 /** @} */
 
-/** @{ */
+/** @name Keys from the caller
+ * @{ */
 /**
  * Take the HMAC root key, respectively the HMAC session key, from the caller. They always replace a
  * key in place, and do not look at the UID or the remembered AMTC0 value.
@@ -327,7 +335,8 @@ KeyLibraryErrorCode derive_hmac_session_key(const uint8_t* context_buf, const ui
  * @{
  */
 
-/** @{ */
+/** @name Signing
+ * @{ */
 /**
  * Sign a message with the context's ECDSA signing key, respectively the one of a KTS slot.
  *
@@ -343,6 +352,8 @@ KeyLibraryErrorCode derive_hmac_session_key(const uint8_t* context_buf, const ui
  * @retval KeyLibrary_CRYPTO         The engine failed to sign: no random numbers were to be had.
  *
  * @snippet signatures.c sign and verify
+ *
+ * @snippet kts_slots.c a signature
  */
 KeyLibraryErrorCode generate_ecdsa_signature(const uint8_t* context_buf, const uint8_t* msg_buf,
                                              uint32_t msg_len, uint8_t* signature);

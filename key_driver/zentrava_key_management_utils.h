@@ -133,7 +133,8 @@ extern "C" {
  *
  * @par Locking
  * Takes no lock. A file that another thread rewrites meanwhile is read as it was or as it becomes;
- * half of one is possible only where it is overwritten in place (see "Saving" above).
+ * half of one is possible only where it is overwritten in place (see "Saving" at the head of this
+ * file).
  *
  * @snippet key_lookup.c handle and metadata
  */
@@ -203,7 +204,7 @@ uint32_t get_key(const unsigned char* uid, const char* key_name, uint8_t* key,
  *     "[add_volatile_key] error: could not add a key record\n"                  no memory
  *
  * @par Locking
- * Takes no lock; see "Threads" above. Reads both store files for the new handle.
+ * Takes no lock; see "Threads" at the head of this file. Reads both store files for the new handle.
  *
  * @snippet adding_keys.c volatile key
  */
@@ -239,7 +240,7 @@ uint32_t add_volatile_key(const char* key_hex, char* handle_out_buff,
  *     "[add_nonvolatile_based_key] error: could not add a key record\n"         no memory
  *
  * @par Locking
- * Takes no lock; see "Threads" above. Reads both store files for the new handle.
+ * Takes no lock; see "Threads" at the head of this file. Reads both store files for the new handle.
  *
  * @snippet adding_keys.c volatile key with a name
  */
@@ -455,7 +456,8 @@ uint32_t set_new_srk_key_data_for_uid(const char* uid, const char* handle);
  * @{
  */
 
-/** @{ */
+/** @name Text of a key
+ * @{ */
 /**
  * Hand out a key's text as it is stored: of the private file, in clear, respectively of the public
  * one.
@@ -523,7 +525,8 @@ bool _prv_keyfile_contains_key(const char* uid, const char* key_name);
 
 /** @{ */
 /**
- * The same for the key "crk", respectively "tmp_client_session_key".
+ * Whether the private file holds the UID's "crk", respectively "tmp_client_session_key":
+ * _prv_keyfile_contains_key, with a null argument allowed.
  *
  * @param[in] uid  NUL-terminated; null gives false, after a message
  *
@@ -542,7 +545,8 @@ bool contains_csk(const char* uid);
 /** @} */
 
 /**
- * The same for any name.
+ * Whether the private file holds a key of this UID and name: _prv_keyfile_contains_key, with null
+ * arguments allowed.
  *
  * @param[in] uid      NUL-terminated; null gives false, after a message
  * @param[in] keyname  NUL-terminated; null gives false, after a message
@@ -566,7 +570,8 @@ bool contains_key(const char* uid, const char* keyname);
  * @{
  */
 
-/** @{ */
+/** @name Fixed lengths
+ * @{ */
 /**
  * Convert key text into exactly 64, respectively 32, bytes. A character that is not hexadecimal
  * counts as the digit 0, without an error. A shorter text is padded with zero bytes (an odd last

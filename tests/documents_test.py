@@ -10,20 +10,9 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).parent / "support"))
 from build_under_test import build, exported_functions, run_test
+from document_blocks import blocks, text_of
 from key_store_tool import PRIVATE_FILE, PUBLIC_FILE, UID, ToolTestCase
 from printed_messages import assertions_of, messages_of
-
-DOCS = Path(__file__).parent.parent / "docs"
-BLOCK = re.compile(r"^```(\w+) ?([^\n]*)\n(.*?)^```$", re.M | re.S)
-
-
-def text_of(*path):
-    return Path(build.source, *path).read_text(encoding="utf-8")
-
-
-def blocks(text, language):
-    """What stands behind the language, and the content, of each fenced block."""
-    return [(info, content) for found, info, content in BLOCK.findall(text) if found == language]
 
 
 class Documents(ToolTestCase):

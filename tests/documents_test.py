@@ -34,6 +34,22 @@ class Documents(ToolTestCase):
                         calls += re.findall(rf"\b{function}\(", snippet[1])
                     self.assertNotEqual(calls, [])
 
+    # ---- Functions
+
+    def test_the_man_page_tells_of_the_exported_functions_and_of_no_others(self):
+        page = text_of("docs", "man", "zentrava-keys.3")
+        told = re.search(r"^\.SS Contexts\n(.*?)^\.SH ", page, re.M | re.S).group(1)
+        self.assertEqual(sorted(re.findall(r"(\w+)\"? \(\)", told)), self.exported())
+
+    def test_the_readme_tells_of_the_exported_functions_and_of_no_others(self):
+        told = re.search(r"^## Functions\n(.*?)^## ", text_of("README.md"), re.M | re.S).group(1)
+        first_cells = "".join(re.findall(r"^\|([^|]*)\|", told, re.M))
+        self.assertEqual(sorted(re.findall(r"`(\w+)`", first_cells)), self.exported())
+
+    @staticmethod
+    def exported():
+        return sorted(name for group in exported_functions().values() for name in group)
+
     # ---- Messages
 
     def test_the_troubleshooting_page_has_the_messages_of_the_sources_and_no_others(self):

@@ -34,6 +34,19 @@ class Documents(ToolTestCase):
                         calls += re.findall(rf"\b{function}\(", snippet[1])
                     self.assertNotEqual(calls, [])
 
+    # ---- Links
+
+    def test_the_links_of_the_documents_lead_somewhere(self):
+        root = Path(build.source)
+        for page in [*root.glob("*.md"), *root.glob("docs/*.md")]:
+            for link in re.findall(r"\]\(([^)]+)\)", page.read_text(encoding="utf-8")):
+                with self.subTest(page.name, link=link):
+                    file, _, place = link.partition("#")
+                    if not file.startswith("http"):
+                        target = page.parent / file if file else page
+                        self.assertTrue(target.exists())
+                        self.assertIn(place, ["", *headings_of(target)])
+
     # ---- Functions
 
     def test_the_man_page_tells_of_the_exported_functions_and_of_no_others(self):
@@ -103,6 +116,14 @@ class Documents(ToolTestCase):
     def findings(self):
         printed = self.run_tool("check", "--json").stdout
         return sorted({finding["what"] for finding in json.loads(printed)["findings"]})
+
+
+def headings_of(page):
+    """As a link names them."""
+    if page.suffix != ".md":
+        return []
+    headings = re.findall(r"^#+ (.*)", page.read_text(encoding="utf-8"), re.M)
+    return [re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-") for heading in headings]
 
 
 def examples_by_function(header, functions):

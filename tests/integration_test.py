@@ -20,8 +20,7 @@ class Integration(BuildTestCase):
         self.root = Path(self.enterContext(tempfile.TemporaryDirectory()))
 
     def test_the_steps_for_this_machine_lead_to_verified_signatures(self):
-        if build.toolchain:
-            self.skipTest("a cross build")
+        self.skip_unless_native()
         printed = self.follow("release", "## This machine")
         self.assertRegex(printed, r"(?m)^[0-9a-f]{128}$")
         self.assertIn("\nopenssl accepts the signature\n", printed)
@@ -35,12 +34,14 @@ class Integration(BuildTestCase):
         self.assertRegex(printed, r"\n[0-9a-f]{128}\nverified\n\Z")
 
     def test_the_program_and_the_store_of_the_readme_belong_together(self):
+        self.skip_unless_native()
         readme = text_of("README.md")
         (_, program), = blocks(readme, "c")
         (_, store), = blocks(readme, "xml")
         self.assertEqual(self.run_program(program, {"key_contents_prv.xml": store}), "result 0\n")
 
     def test_the_program_and_the_store_of_the_man_page_belong_together(self):
+        self.skip_unless_native()
         page = text_of("docs", "man", "zentrava-keys.3").replace("\\-", "-").replace("\\e", "\\")
         program, commands = (part.split("\n.EE\n")[0] for part in page.split(".EX\n")[1:])
         self.run_command(["bash", "-euc", f"zentrava-keystore() {{ '{build.tool}' \"$@\"; }}\n"
@@ -71,9 +72,11 @@ class Integration(BuildTestCase):
         if sysroot:
             (self.root / "build" / "armhf-sysroot").symlink_to(sysroot)
 
-    def run_program(self, source, files):
+    def skip_unless_native(self):
         if build.toolchain:
             self.skipTest("a cross build")
+
+    def run_program(self, source, files):
         for name, content in {"program.c": source, **files}.items():
             (self.root / name).write_text(content, encoding="utf-8")
         library = Path(build.library)

@@ -15,11 +15,13 @@ static bool key_in_a_file(void)
     uint32_t text_len = sizeof text;
 
     /* true: into the private file; false: a key of this name that is there is not replaced. */
-    if (add_nonvolatile_based_key(NEW_UID, "srk", SRK_TEXT, "bench 4", true, false) != 0)
+    if (add_nonvolatile_based_key(NEW_UID, "srk", SRK_TEXT, "bench 4", true, false) != 0) {
         return false;
+    }
     if (get_key_handle(NEW_UID, "srk", NULL, 0, handle, sizeof handle) != 0 ||
-        strcmp(handle, "9") != 0)
+        strcmp(handle, "9") != 0) {
         return false;
+    }
 
     /* A replacement is saved, and yet reported by 1: what is stored now tells that it was done. */
     return add_nonvolatile_based_key(NEW_UID, "srk", CRK_TEXT, NULL, true, true) == 1 &&

@@ -23,10 +23,12 @@ static bool bytes_of_a_key(void)
     uint8_t key[32];
     uint32_t key_len = sizeof key; /* in: the room there is; out: the length of the key */
 
-    if (get_key((const unsigned char*)DEVICE_UID, "srk", key, &key_len) != 0)
+    if (get_key((const unsigned char*)DEVICE_UID, "srk", key, &key_len) != 0) {
         return false;
-    if (key_len != 32 || !is_equal(key, SRK_TEXT))
+    }
+    if (key_len != 32 || !is_equal(key, SRK_TEXT)) {
         return false;
+    }
 
     /* Where there is not room enough, the call fails and tells how much there has to be. */
     key_len = sizeof key;
@@ -41,10 +43,12 @@ static bool key_text(void)
     char text[129]; /* 64 bytes as hexadecimal text, and a terminator */
     uint32_t text_len = sizeof text;
 
-    if (export_prv_key_in_clear_as_hex(DEVICE_UID, "srk", text, &text_len) != 0)
+    if (export_prv_key_in_clear_as_hex(DEVICE_UID, "srk", text, &text_len) != 0) {
         return false;
-    if (text_len != 64 || strcmp(text, SRK_TEXT) != 0)
+    }
+    if (text_len != 64 || strcmp(text, SRK_TEXT) != 0) {
         return false;
+    }
 
     text_len = sizeof text; /* it held the length of the text before */
     return read_public_key_as_hex(DEVICE_UID, "ECDSA_DS_PuK", text, &text_len) == 0 &&

@@ -15,8 +15,9 @@ static bool a_tag(void)
     uint8_t tag[32];
 
     GetPublicKeyFromString(peer, PEER_TEXT);
-    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK)
+    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK) {
         return false;
+    }
     const bool ok =
         set_kts_hmac_signing_key(context_buf, 3, peer, false) == KeyLibrary_OK &&
         gen_kts_sha256_hmac(context_buf, message, message_len, tag) == KeyLibrary_OK &&
@@ -36,8 +37,9 @@ static bool a_signature(void)
     bool verified = false;
 
     GetPublicKeyFromString(peer, PEER_TEXT);
-    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK)
+    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK) {
         return false;
+    }
     /* The HMAC key first: its slot is the one that the context remembers. */
     const bool ok = set_kts_hmac_signing_key(context_buf, 3, peer, false) == KeyLibrary_OK &&
                     set_kts_ecdsa_signing_key(context_buf, 3, false) == KeyLibrary_OK &&

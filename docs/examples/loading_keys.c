@@ -12,8 +12,9 @@ static bool from_the_store(void)
     uint8_t* context_buf = (uint8_t*)&context;
     uint8_t tag[32];
 
-    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK)
+    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK) {
         return false;
+    }
     bool ok = set_srk_as_hmac_root_signing_key(context_buf, false) == KeyLibrary_OK &&
               set_csk_as_hmac_session_signing_key(context_buf, false) == KeyLibrary_OK &&
               set_ecdsa_signing_key(context_buf, false) == KeyLibrary_OK &&
@@ -37,8 +38,9 @@ static bool a_failed_load(void)
     KeyLibraryContext context = NULL;
     uint8_t* context_buf = (uint8_t*)&context;
 
-    if (key_lib_open("a device without keys", NULL, NULL, context_buf) != KeyLibrary_OK)
+    if (key_lib_open("a device without keys", NULL, NULL, context_buf) != KeyLibrary_OK) {
         return false;
+    }
     bool ok = set_srk_as_hmac_root_signing_key(context_buf, false) == KeyLibrary_KEY_NOT_FOUND;
     /* The buffer is in place now, filled with zeros: a load without force takes it for a key. */
     ok = ok && set_srk_as_hmac_root_signing_key(context_buf, false) == KeyLibrary_OK;
@@ -59,8 +61,9 @@ static bool from_the_caller(void)
     uint8_t root_tag[32];
     bool verified = false;
 
-    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK)
+    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK) {
         return false;
+    }
     bool ok = set_hmac_root_signing_key(context_buf, key, sizeof key) == KeyLibrary_OK &&
               set_hmac_session_key(context_buf, key, sizeof key) == KeyLibrary_OK;
     /* A key of fewer than 32 bytes is refused, and the one in place stays. */

@@ -14,8 +14,9 @@ static bool from_the_root_key(void)
     uint8_t* context_buf = (uint8_t*)&context;
     uint8_t tag[32];
 
-    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK)
+    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK) {
         return false;
+    }
     bool ok = set_srk_as_hmac_root_signing_key(context_buf, false) == KeyLibrary_OK &&
               derive_hmac_session_key(context_buf, amtc0, sizeof amtc0, false) == KeyLibrary_OK &&
               gen_session_sha256_hmac(context_buf, message, message_len, tag) == KeyLibrary_OK &&
@@ -45,8 +46,9 @@ static bool from_an_agreement(void)
     bool verified = false;
 
     GetPublicKeyFromString(peer, PEER_TEXT);
-    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK)
+    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK) {
         return false;
+    }
     bool ok =
         derive_ecdh_session_key(context_buf, peer, amtc0, sizeof amtc0, false) == KeyLibrary_OK &&
         gen_session_sha256_hmac(context_buf, message, message_len, tag) == KeyLibrary_OK &&

@@ -13,8 +13,9 @@ static bool sign_and_verify(void)
     uint8_t signature[64]; /* r, then s */
     bool verified = false;
 
-    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK)
+    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK) {
         return false;
+    }
     bool ok =
         set_ecdsa_signing_key(context_buf, false) == KeyLibrary_OK &&
         set_ecdsa_verification_key(context_buf, false) == KeyLibrary_OK &&

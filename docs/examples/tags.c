@@ -13,8 +13,9 @@ static bool make_and_check(void)
     uint8_t tag[32];
     bool verified = false;
 
-    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK)
+    if (key_lib_open(DEVICE_UID, NULL, NULL, context_buf) != KeyLibrary_OK) {
         return false;
+    }
     /* Under the root key. */
     bool ok = set_srk_as_hmac_root_signing_key(context_buf, false) == KeyLibrary_OK &&
               gen_root_sha256_hmac(context_buf, message, message_len, tag) == KeyLibrary_OK &&

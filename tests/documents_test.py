@@ -47,6 +47,20 @@ class Documents(ToolTestCase):
                         self.assertTrue(target.exists())
                         self.assertIn(place, ["", *headings_of(target)])
 
+    def test_the_files_that_the_documents_name_exist(self):
+        root = Path(build.source)
+        for page in [*root.glob("*.md"), *root.glob("docs/*.md")]:
+            named = re.findall(r"`((?:[\w.-]+/)+[\w.-]+)[`:]", page.read_text(encoding="utf-8"))
+            for name in named:
+                with self.subTest(page.name, name=name):
+                    self.assertTrue(name.startswith("build/") or (root / name).exists())
+
+    def test_the_searches_that_contributors_are_told_of_find_something(self):
+        searches = re.findall(r"`(grep [^`]+)`", text_of("CONTRIBUTING.md"))
+        self.assertNotEqual(searches, [])
+        for search in searches:
+            self.assertNotEqual(self.run_command(["bash", "-c", search], cwd=build.source), "")
+
     # ---- Functions
 
     def test_the_man_page_tells_of_the_exported_functions_and_of_no_others(self):

@@ -89,6 +89,17 @@ class Documents(ToolTestCase):
         (_, told), = blocks(text_of("docs", "troubleshooting.md"), "assertion")
         self.assertEqual(sorted(told.splitlines()), sorted(self.gathered(assertions_of)))
 
+    def test_the_headers_quote_the_messages_of_the_sources_and_no_others(self):
+        # Two functions share a comment, with "[%s]" where each prints its own name.
+        sharing = ("export_prv_key_in_clear_as_hex", "read_public_key_as_hex")
+        quoted = set()
+        for header in exported_functions():
+            functions = text_of(header).split("#include <stdint.h>")[1]
+            for message in re.findall(r'"((?:\[|error: |warn: |  ! )[^"]*)"', functions):
+                message = message.replace("\\n", "")
+                quoted |= {message.replace("[%s]", f"[{name}]") for name in sharing}
+        self.assertEqual(sorted(quoted), sorted(self.gathered(messages_of)))
+
     @staticmethod
     def gathered(gather):
         sources = [path for folder in ("key_driver", "ecc")

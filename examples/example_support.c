@@ -44,7 +44,7 @@ static bool go_to_temporary_directory(void)
     if (len >= (int)sizeof name || mkdtemp(name) == NULL || chdir(name) != 0) {
         return false;
     }
-    strcpy(temporary_directory, name);
+    memcpy(temporary_directory, name, sizeof name);
     return true;
 }
 

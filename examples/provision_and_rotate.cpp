@@ -13,10 +13,9 @@
 
 #include <array>
 #include <cstdio>
-#include <string>
 
 static const char DEVICE_UID[] = "0123456789abcdef0123456789abcdef";
-static const std::string MESSAGE = "Set valve 7 to 40 percent";
+static const char MESSAGE[] = "Set valve 7 to 40 percent";
 
 // Key store operations return 0 for success.
 static bool store_step(const char* function, uint32_t result, const char* key_name)
@@ -85,9 +84,8 @@ static bool tag_message(const uint8_t* context_buf, bool force, const char* what
               force ? "true" : "false")) {
         return false;
     }
-    const KeyLibraryErrorCode code =
-        gen_root_sha256_hmac(context_buf, reinterpret_cast<const uint8_t*>(MESSAGE.data()),
-                             static_cast<uint32_t>(MESSAGE.size()), tag.data());
+    const KeyLibraryErrorCode code = gen_root_sha256_hmac(
+        context_buf, reinterpret_cast<const uint8_t*>(MESSAGE), sizeof MESSAGE - 1, tag.data());
     to_hex(text.data(), tag.data(), tag.size());
     return step("gen_root_sha256_hmac", code, what, text.data());
 }
@@ -113,7 +111,7 @@ int main(int argc, char** argv)
     if (!begin_example(argc, argv, DEVICE_UID, no_keys, no_keys)) {
         return end_example(false);
     }
-    std::printf("A root key, rotated: %s\n", MESSAGE.c_str());
+    std::printf("A root key, rotated: %s\n", MESSAGE);
     return end_example(
         (contains_key(DEVICE_UID, "srk") || add_random_key("srk", "made on the bench")) &&
         show("srk") && rotate_under_an_open_context());

@@ -90,6 +90,7 @@ static bool service()
     std::printf("%zu messages, tagged by %d threads\n", queue.requests.size(), WORKERS);
 
     std::vector<std::future<KeyLibraryErrorCode>> workers;
+    workers.reserve(WORKERS);
     for (int i = 0; i < WORKERS; ++i) {
         workers.push_back(std::async(std::launch::async, work, std::ref(queue)));
     }

@@ -14,8 +14,10 @@
 #include <mbedtls/pem.h>
 #include <mbedtls/pkcs12.h>
 #include <mbedtls/pkcs5.h>
+#include <mbedtls/version.h>
 
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string_view>
@@ -106,8 +108,13 @@ bool p256_point_is_on_curve(const uint8_t x[32], const uint8_t y[32])
     return on_curve;
 }
 
-// Multiplies the base point; false without memory. No random source is given: mbed TLS then makes
-// its blinding values from the scalar itself.
+// For the blinding of a multiplication, which mbed TLS 3.x does not do without.
+static int random_bytes(void*, unsigned char* bytes, size_t size)
+{
+    return getentropy(bytes, size) == 0 ? 0 : MBEDTLS_ERR_ENTROPY_SOURCE_FAILED;
+}
+
+// Multiplies the base point; false without memory or without random numbers.
 static bool compute_public_key(P256Key* key)
 {
     Curve curve;
@@ -116,7 +123,7 @@ static bool compute_public_key(P256Key* key)
     const bool computed =
         open_curve(&curve) &&
         mbedtls_mpi_read_binary(&curve.number, key->scalar, NUMBER_SIZE) == 0 &&
-        mbedtls_ecp_mul(&curve.group, &curve.point, &curve.number, &curve.group.G, nullptr,
+        mbedtls_ecp_mul(&curve.group, &curve.point, &curve.number, &curve.group.G, random_bytes,
                         nullptr) == 0 &&
         mbedtls_ecp_point_write_binary(&curve.group, &curve.point, MBEDTLS_ECP_PF_UNCOMPRESSED,
                                        &size, point, sizeof point) == 0;
@@ -580,6 +587,18 @@ static bool is_encrypted_pem(std::string_view block, const std::string& begin)
     return header != block.npos && block.substr(header).rfind("Proc-Type: 4,ENCRYPTED", 0) == 0;
 }
 
+// What a PEM block decodes to. mbed TLS 3.x keeps the members to itself, 2.28 has no function for them.
+static Der content_of(mbedtls_pem_context* pem)
+{
+#if MBEDTLS_VERSION_MAJOR >= 3
+    size_t size = 0;
+    auto* bytes = const_cast<unsigned char*>(mbedtls_pem_get_buffer(pem, &size));
+    return {bytes, bytes + size};
+#else
+    return {pem->buf, pem->buf + pem->buflen};
+#endif
+}
+
 // `text` is followed by a NUL.
 static std::optional<Failure> read_pem(const std::string& file_name, std::string_view text,
                                        const PemBlock& block, const char* passphrase, P256Key* key)
@@ -598,7 +617,7 @@ static std::optional<Failure> read_pem(const std::string& file_name, std::string
                                 reinterpret_cast<const unsigned char*>(text.data() + block.offset),
                                 reinterpret_cast<const unsigned char*>(passphrase),
                                 passphrase != nullptr ? strlen(passphrase) : 0, &used);
-    const Der der = {pem.buf, pem.buf + pem.buflen};
+    const Der der = content_of(&pem);
     std::optional<Failure> failure;
     if (result != 0) {
         failure = pem_failure(place, result);

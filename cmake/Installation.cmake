@@ -49,6 +49,10 @@ install(FILES
     DESTINATION "${zentrava_package_dir}"
     COMPONENT development)
 
+install(FILES docs/man/zentrava-keys.3
+    DESTINATION "${CMAKE_INSTALL_MANDIR}/man3"
+    COMPONENT development)
+
 set(zentrava_pkgconfig_dir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 set(zentrava_include_dir "${CMAKE_INSTALL_INCLUDEDIR}/zentrava")
 cmake_path(ABSOLUTE_PATH zentrava_pkgconfig_dir BASE_DIRECTORY /prefix OUTPUT_VARIABLE from)
@@ -65,7 +69,8 @@ install(FILES README.md CHANGELOG.md
 install(DIRECTORY docs
     DESTINATION "${CMAKE_INSTALL_DOCDIR}"
     COMPONENT documentation
-    FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE)
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.[ch]" PATTERN "*.cpp"
+    PATTERN man EXCLUDE)
 install(DIRECTORY examples
     DESTINATION "${CMAKE_INSTALL_DOCDIR}"
     COMPONENT documentation

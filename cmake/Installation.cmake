@@ -78,3 +78,8 @@ install(DIRECTORY examples
 install(FILES cmake/armhf.cmake
     DESTINATION "${CMAKE_INSTALL_DOCDIR}/cmake"
     COMPONENT documentation)
+# What scripts/doc makes, if it has been run.
+install(DIRECTORY build/doc/html
+    DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+    COMPONENT documentation
+    OPTIONAL)

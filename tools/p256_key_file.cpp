@@ -432,22 +432,46 @@ static Failure unknown_encryption(const Place& place)
                        " -out converted.pem");
 }
 
+// mbed TLS 3.5 deprecates the functions that are not told the size of the output.
+#if MBEDTLS_VERSION_NUMBER < 0x03050000
+static int mbedtls_pkcs5_pbes2_ext(mbedtls_asn1_buf* parameters, int mode,
+                                   const unsigned char* password, size_t password_size,
+                                   const unsigned char* data, size_t size, unsigned char* output,
+                                   size_t, size_t*)
+{
+    return mbedtls_pkcs5_pbes2(parameters, mode, password, password_size, data, size, output);
+}
+
+static int mbedtls_pkcs12_pbe_ext(mbedtls_asn1_buf* parameters, int mode,
+                                  mbedtls_cipher_type_t cipher, mbedtls_md_type_t digest,
+                                  const unsigned char* password, size_t password_size,
+                                  const unsigned char* data, size_t size, unsigned char* output,
+                                  size_t, size_t*)
+{
+    return mbedtls_pkcs12_pbe(parameters, mode, cipher, digest, password, password_size, data, size,
+                              output);
+}
+#endif
+
 // mbed TLS 2.28 knows DES and triple DES here. The openssl command's default, AES, is not read.
 static int decrypt_pkcs8(const Der& oid, mbedtls_asn1_buf* parameters, const Der& encrypted,
-                         const char* passphrase, uint8_t* plain)
+                         const char* passphrase, Bytes* plain)
 {
     const auto* password = reinterpret_cast<const unsigned char*>(passphrase);
     const size_t password_size = strlen(passphrase);
     mbedtls_asn1_buf oid_buffer = as_asn1(MBEDTLS_ASN1_OID, oid);
     mbedtls_md_type_t digest = MBEDTLS_MD_NONE;
     mbedtls_cipher_type_t cipher = MBEDTLS_CIPHER_NONE;
+    size_t written = 0;
     if (is_oid(oid, MBEDTLS_OID_PKCS5_PBES2, MBEDTLS_OID_SIZE(MBEDTLS_OID_PKCS5_PBES2))) {
-        return mbedtls_pkcs5_pbes2(parameters, MBEDTLS_PKCS5_DECRYPT, password, password_size,
-                                   encrypted.at, size_of(encrypted), plain);
+        return mbedtls_pkcs5_pbes2_ext(parameters, MBEDTLS_PKCS5_DECRYPT, password, password_size,
+                                       encrypted.at, size_of(encrypted), plain->data(),
+                                       plain->size(), &written);
     }
     if (mbedtls_oid_get_pkcs12_pbe_alg(&oid_buffer, &digest, &cipher) == 0) {
-        return mbedtls_pkcs12_pbe(parameters, MBEDTLS_PKCS12_PBE_DECRYPT, cipher, digest, password,
-                                  password_size, encrypted.at, size_of(encrypted), plain);
+        return mbedtls_pkcs12_pbe_ext(parameters, MBEDTLS_PKCS12_PBE_DECRYPT, cipher, digest,
+                                      password, password_size, encrypted.at, size_of(encrypted),
+                                      plain->data(), plain->size(), &written);
     }
     return MBEDTLS_ERR_PKCS5_FEATURE_UNAVAILABLE;
 }
@@ -479,7 +503,7 @@ static std::optional<Failure> read_encrypted_pkcs8(const Place& place, Der algor
     }
     Bytes plain(size_of(encrypted));
     mbedtls_asn1_buf buffer = as_asn1(SEQUENCE, parameters);
-    const int result = decrypt_pkcs8(oid, &buffer, encrypted, passphrase, plain.data());
+    const int result = decrypt_pkcs8(oid, &buffer, encrypted, passphrase, &plain);
     if (result == MBEDTLS_ERR_PKCS5_PASSWORD_MISMATCH ||
         result == MBEDTLS_ERR_PKCS12_PASSWORD_MISMATCH) {
         return wrong_passphrase(place);

@@ -74,7 +74,7 @@ install(DIRECTORY docs
 install(DIRECTORY examples
     DESTINATION "${CMAKE_INSTALL_DOCDIR}"
     COMPONENT documentation
-    FILES_MATCHING PATTERN "*.[ch]")
+    FILES_MATCHING PATTERN "*.[ch]" PATTERN "*.cpp" PATTERN "CMakeLists.txt")
 install(FILES cmake/armhf.cmake
     DESTINATION "${CMAKE_INSTALL_DOCDIR}/cmake"
     COMPONENT documentation)

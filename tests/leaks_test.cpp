@@ -359,8 +359,12 @@ TEST_F(Leaks, OfThreadsAtTheSameTimeAreOneRecordOfLibxml2Each)
     const long pairs = soak_calls() > 0 ? soak_calls() / 100 : 50;
     const long left = left_by(pairs, two_threads);
     show("pairs of threads with a lookup each", pairs, left);
+#ifdef ZENTRAVA_NO_XML_CLEANUP
+    EXPECT_EQ(left, 0);
+#else
     EXPECT_GT(left, 0);
     EXPECT_LE(left, 2 * static_cast<long>(sizeof(xmlGlobalState)) * pairs);
+#endif
 }
 
 TEST(LeaksLedger, CoversEveryExportedFunction)

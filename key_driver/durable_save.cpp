@@ -234,6 +234,7 @@ static char* read_content(int fd, size_t* size)
         if (count > 0) {
             done += static_cast<size_t>(count);
         } else if (count == 0 || errno != EINTR) {
+            explicit_bzero(content, done);
             free(content);
             content = NULL;
         }
@@ -265,6 +266,7 @@ static xmlChar* text_of_document(xmlDocPtr document, size_t* size)
     xmlDocDumpMemory(document, &text, &text_size);
     *size = static_cast<size_t>(text_size);
     if (text != NULL && error_was_reported()) {
+        explicit_bzero(text, *size);
         xmlFree(text);
         text = NULL;
     }

@@ -70,6 +70,7 @@ static bool comes_back(xmlDocPtr document)
     explicit_bzero(text, static_cast<size_t>(size));
     xmlFree(text);
     const bool same = copy != NULL && have_the_same_texts(document, copy);
+    wipe_all_key_texts(xmlDocGetRootElement(copy));
     xmlFreeDoc(copy);
     return same;
 }

@@ -306,8 +306,7 @@ static std::optional<Failure> check_algorithm(const Place& place, Der algorithm)
 // Whether a point's bytes, compressed or not, are those of the key.
 static bool is_point_of(const P256Key& key, const Der& point)
 {
-    if (size_of(point) == 0 || size_of(point) < 1 + NUMBER_SIZE ||
-        memcmp(point.at + 1, key.x, NUMBER_SIZE) != 0) {
+    if (size_of(point) < 1 + NUMBER_SIZE || memcmp(point.at + 1, key.x, NUMBER_SIZE) != 0) {
         return false;
     }
     const uint8_t compressed_form = static_cast<uint8_t>(2 + (key.y[NUMBER_SIZE - 1] & 1));
@@ -575,7 +574,7 @@ static bool is_key_block(const PemBlock& block)
 // of "openssl ecparam -genkey" has the curve's parameters in front of the key.
 static std::optional<PemBlock> find_key_block(std::string_view text)
 {
-    const std::optional<PemBlock> first = next_block(text, 0);
+    std::optional<PemBlock> first = next_block(text, 0);
     for (auto block = first; block; block = next_block(text, block->offset + 1)) {
         if (is_key_block(*block)) {
             return block;

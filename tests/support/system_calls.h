@@ -18,10 +18,11 @@
 
 enum class Meddling {
     NONE,
-    KILL_BEFORE,   // the process ends by SIGKILL, and the call is not made
-    KILL_AFTER,    // it ends when the call is done
-    FAIL,          // the call does nothing and reports the error; close does close
-    HALF,          // half of the bytes are written
+    KILL_BEFORE, // the process ends by SIGKILL, and the call is not made
+    KILL_AFTER,  // it ends when the call is done
+    FAIL,        // the call does nothing and reports the error; close does close
+    FAIL_FROM_THERE_ON,
+    HALF,          // half of the bytes are written, or read
     HALF_THEN_FAIL // and the next call of the same name fails
 };
 
@@ -33,7 +34,8 @@ struct Interference {
 inline const Interference NO_INTERFERENCE = {0, Meddling::NONE, 0};
 
 enum class Scope {
-    EVERYTHING,
+    EVERYTHING, // but for the calls that only read what is there
+    EVERYTHING_AND_READING,
     SAVES // what happens inside durable_save
 };
 

@@ -279,7 +279,7 @@ static bool overwrite_keeping_old(int fd, const char* content, size_t size)
     if (old_content == NULL) {
         return false;
     }
-    const bool saved = (size == 0 || posix_fallocate(fd, 0, static_cast<off_t>(size)) == 0) &&
+    const bool saved = posix_fallocate(fd, 0, static_cast<off_t>(size)) == 0 &&
                        write_content(fd, content, size);
     if (!saved) {
         write_content(fd, old_content, old_size);

@@ -32,8 +32,8 @@ bool xml_text_can_be_stored(const char* text)
         // In: how many bytes may be read. Out: how many the character takes.
         int length = left < 4 ? static_cast<int>(left) : 4;
         const int code_point = xmlGetUTF8Char(position, &length);
-        if (is_continuation(*position) ||
-            code_point < SMALLEST_OF_LENGTH[length > 0 ? length : 0] || !xmlIsCharQ(code_point)) {
+        if (length < 1 || is_continuation(*position) ||
+            code_point < SMALLEST_OF_LENGTH[length] || !xmlIsCharQ(code_point)) {
             return false;
         }
         position += length;

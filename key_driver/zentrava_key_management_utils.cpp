@@ -143,7 +143,8 @@ static xmlNodePtr getTmpTreeRootNode()
 // ---------------------------------------------------------------------------------------------
 
 // The first node at or after `node` among its siblings that has this name and holds this text.
-static inline const xmlNode* find_sibling(const xmlNode* node, const xmlChar* name, const xmlChar* text)
+static inline const xmlNode* find_sibling(const xmlNode* node, const xmlChar* name,
+                                          const xmlChar* text)
 {
     while (node != NULL && (!is_named(node, name) || !is_same_text(text_of(node), text))) {
         node = node->next;

@@ -151,6 +151,13 @@ TEST_F(SavePermissionsAsRoot, KeepOwnerAndGroup)
     EXPECT_EQ(status.st_mode & 07777, 0640u);
 }
 
+TEST_F(SavePermissionsAsRoot, KeepTheGroupOfAFileOfOnesOwn)
+{
+    ASSERT_EQ(chown(PRIVATE_FILE, geteuid(), GROUP), 0);
+    save_by_renaming();
+    EXPECT_EQ(status_of(PRIVATE_FILE).st_gid, GROUP);
+}
+
 TEST_F(SavePermissionsAsRoot, KeepTheOwnerWithoutHisReadPermission)
 {
     ASSERT_EQ(chown(PRIVATE_FILE, OWNER, GROUP), 0);

@@ -95,6 +95,7 @@ inline const std::vector<int>& errors_of(const std::string& name)
         {"pwrite", {ENOSPC, EDQUOT, EIO, EINTR}},
         {"close", {EIO, EINTR, ENOSPC, EDQUOT}},
         {"fsync", {EIO, ENOSPC, EDQUOT, EROFS, EINVAL}},
+        {"fallocate", {ENOSPC, EDQUOT, EIO, EINTR, EFBIG, EOPNOTSUPP}},
         {"posix_fallocate", {ENOSPC, EIO, EINTR, EINVAL, EFBIG}},
         {"ftruncate", {EIO, EINTR, EPERM, EFBIG}},
         {"flock", {EINTR, ENOLCK}},

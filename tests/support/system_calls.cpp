@@ -141,6 +141,8 @@ auto call(const char* name, File file, Make make, MakeHalf make_half, Report rep
             make(); // a descriptor is gone even if closing it reports an error
         }
         result = report(interference.error);
+    } else if (interference.meddling == Meddling::NOTHING) {
+        result = {};
     } else if (interference.meddling == Meddling::HALF ||
                interference.meddling == Meddling::HALF_THEN_FAIL) {
         result = make_half();
@@ -206,8 +208,19 @@ template <typename WriteSome> ssize_t call_pwrite(int fd, size_t count, WriteSom
         [&] { return write_some((count + 1) / 2); }, minus_one);
 }
 
-// Half of its work: the file grows by half of what was asked for, which stays with it.
+// Half of its work: half of the space that was asked for stays with the file.
 template <typename Allocate> int call_fallocate(int fd, off64_t size, Allocate allocate)
+{
+    const auto allocate_half = [&] {
+        allocate(size / 2);
+        return minus_one(ENOSPC);
+    };
+    return call(
+        "fallocate", fd, [&] { return allocate(size); }, allocate_half, minus_one);
+}
+
+// For file systems that do not do it otherwise: the file grows by half of what was asked for.
+template <typename Allocate> int call_posix_fallocate(int fd, off64_t size, Allocate allocate)
 {
     const auto allocate_half = [&] {
         struct stat64 status = {};
@@ -423,17 +436,30 @@ ssize_t pwrite64(int fd, const void* bytes, size_t count, off64_t offset)
                        [&](size_t some) { return NEXT(pwrite64)(fd, bytes, some, offset); });
 }
 
-int posix_fallocate(int fd, off_t offset, off_t size)
+int fallocate(int fd, int mode, off_t offset, off_t size)
 {
     return call_fallocate(fd, size, [&](off64_t some) {
+        return NEXT(fallocate)(fd, mode, offset, static_cast<off_t>(some));
+    });
+}
+
+int fallocate64(int fd, int mode, off64_t offset, off64_t size)
+{
+    return call_fallocate(fd, size,
+                          [&](off64_t some) { return NEXT(fallocate64)(fd, mode, offset, some); });
+}
+
+int posix_fallocate(int fd, off_t offset, off_t size)
+{
+    return call_posix_fallocate(fd, size, [&](off64_t some) {
         return NEXT(posix_fallocate)(fd, offset, static_cast<off_t>(some));
     });
 }
 
 int posix_fallocate64(int fd, off64_t offset, off64_t size)
 {
-    return call_fallocate(fd, size,
-                          [&](off64_t some) { return NEXT(posix_fallocate64)(fd, offset, some); });
+    return call_posix_fallocate(
+        fd, size, [&](off64_t some) { return NEXT(posix_fallocate64)(fd, offset, some); });
 }
 
 int ftruncate(int fd, off_t size) noexcept

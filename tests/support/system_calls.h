@@ -22,8 +22,9 @@ enum class Meddling {
     KILL_AFTER,  // it ends when the call is done
     FAIL,        // the call does nothing and reports the error; close does close
     FAIL_FROM_THERE_ON,
-    HALF,          // half of the bytes are written, or read
-    HALF_THEN_FAIL // and the next call of the same name fails
+    HALF,           // half of the bytes are written, or read
+    HALF_THEN_FAIL, // and the next call of the same name fails
+    NOTHING         // the call does nothing and reports success: no byte was read or written
 };
 
 struct Interference {
@@ -50,7 +51,7 @@ struct SystemCall {
     }
     bool writes() const // takes a count of bytes that can come short
     {
-        return name == "write" || name == "pwrite" || name == "posix_fallocate";
+        return name == "write" || name == "pwrite" || name == "fallocate";
     }
     std::string text() const
     {

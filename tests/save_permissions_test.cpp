@@ -364,6 +364,18 @@ TEST_F(SavePermissionsAsRoot, OverwriteInPlaceWhereTheOwnerCannotBeKept)
     EXPECT_EQ(status_of(PRIVATE_FILE).st_mode, before.st_mode);
 }
 
+TEST_F(SavePermissionsAsRoot, OverwriteInPlaceWhereTheGroupCannotBeKept)
+{
+    ASSERT_EQ(chown(PRIVATE_FILE, geteuid(), GROUP), 0);
+    const ino_t inode = status_of(PRIVATE_FILE).st_ino;
+    refuse_system_calls("fchown", EPERM);
+    system_calls_of([&] { EXPECT_EQ(add("added"), 0u); }, Scope::SAVES);
+    EXPECT_TRUE(holds(PRIVATE_FILE, "added"));
+    EXPECT_EQ(status_of(PRIVATE_FILE).st_ino, inode);
+    EXPECT_EQ(status_of(PRIVATE_FILE).st_gid, GROUP);
+    EXPECT_FALSE(std::filesystem::exists(SIBLING));
+}
+
 // In a user namespace without a number for him, as a container has it for the users of its host.
 TEST_F(SavePermissionsAsRoot, OverwriteInPlaceWhereTheOwnerHasNoNumber)
 {

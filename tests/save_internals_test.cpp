@@ -1,7 +1,11 @@
-// Extended attributes (access control lists, security labels) of a store file that is replaced, on a
-// file system of the test's own: not every machine has one with attributes.
+// What a save consists of, piece by piece: extended attributes (access control lists, security labels)
+// on a file system of the test's own, since not every machine has one with attributes, and libxml2's
+// reports of errors.
 
 #include "key_driver/durable_save.cpp"
+
+#include "tests/support/failing_allocation.h"
+#include "tests/support/xml_document.h"
 
 #include <gtest/gtest.h>
 
@@ -146,6 +150,55 @@ TEST_F(CopiedAttributes, AreNotCopiedInPart)
     attributes_of[OLD_FILE] = {{"user." + std::string(5000, 'n'), "a long name"}};
     EXPECT_FALSE(copy_attributes(OLD_FILE, NEW_FILE));
     EXPECT_EQ(outcome_of_errno(), NOT_POSSIBLE_HERE);
+}
+
+// ---- Errors of libxml2's -----------------------------------------------------------------------
+
+TEST(ReportedErrors, AreErrorsAndNotWarnings)
+{
+    testing::internal::CaptureStderr(); // where libxml2 tells of them as well
+    xmlResetLastError();
+    EXPECT_FALSE(error_was_reported());
+    EXPECT_NE(parsed("<keys xmlns='relative'/>"), nullptr);
+    EXPECT_NE(xmlGetLastError(), nullptr);
+    EXPECT_FALSE(error_was_reported());
+    EXPECT_EQ(parsed("<keys>"), nullptr);
+    EXPECT_TRUE(error_was_reported());
+    testing::internal::GetCapturedStderr();
+}
+
+TEST(TextOfADocument, IsWholeOrNotThereWithoutMemory)
+{
+    testing::internal::CaptureStderr();
+    const Document document = parsed("<?xml version='1.0' encoding='ISO-8859-1'?><keys>" +
+                                     std::string(20000, 'k') + "<key>&#233;</key></keys>");
+    size_t whole_size = 0;
+    xmlChar* whole = text_of_document(document.get(), &whole_size);
+    ASSERT_NE(whole, nullptr);
+    bool enough = false;
+    for (unsigned int k = 1; !enough; ++k) {
+        xmlChar* text = nullptr;
+        size_t size = 0;
+        const Allocations made =
+            failing_allocation(k, [&] { text = text_of_document(document.get(), &size); });
+        enough = !made.any_failed;
+        EXPECT_TRUE(text != nullptr || !enough);
+        EXPECT_TRUE(text == nullptr || (size == whole_size && xmlStrEqual(text, whole))) << k;
+        xmlFree(text);
+    }
+    xmlFree(whole);
+    testing::internal::GetCapturedStderr();
+}
+
+// libxml2 writes something else then, and reports it.
+TEST(TextOfADocument, IsNotThereWhereATextIsNotInUtf8)
+{
+    testing::internal::CaptureStderr();
+    const Document document = parsed("<keys/>");
+    xmlAddChild(root_of(document), xmlNewDocText(document.get(), xml("\x80")));
+    size_t size = 0;
+    EXPECT_EQ(text_of_document(document.get(), &size), nullptr);
+    testing::internal::GetCapturedStderr();
 }
 
 } // namespace

@@ -79,7 +79,7 @@ static bool declares_namespaces(xmlDocPtr document)
 {
     const xmlNode* root = xmlDocGetRootElement(document);
     const xmlNode* node = root;
-    while (node != NULL && !(node->type == XML_ELEMENT_NODE && node->nsDef != NULL)) {
+    while (node != NULL && (node->type != XML_ELEMENT_NODE || node->nsDef == NULL)) {
         node = node_after(node, root);
     }
     return node != NULL;

@@ -160,7 +160,7 @@ static xmlNodePtr getTmpTreeRootNode()
 static inline const xmlNode* find_sibling(const xmlNode* node, const xmlChar* name,
                                           const xmlChar* text)
 {
-    while (node != NULL && !(is_named(node, name) && is_same_text(text_of(node), text))) {
+    while (node != NULL && (!is_named(node, name) || !is_same_text(text_of(node), text))) {
         node = node->next;
     }
     return node;
@@ -890,7 +890,7 @@ uint32_t copy_private_key(const char* uid, const char* key_name, const char* cop
 static xmlNodePtr find_element(xmlNodePtr record, const xmlChar* name)
 {
     xmlNodePtr child = record->children;
-    while (child != NULL && !(child->type == XML_ELEMENT_NODE && is_named(child, name))) {
+    while (child != NULL && (child->type != XML_ELEMENT_NODE || !is_named(child, name))) {
         child = child->next;
     }
     return child;

@@ -467,6 +467,20 @@ TEST(FindNodeFromInputRoot, TakesATextNodeWithoutContentForTheEmptyText)
     text->content = content;
 }
 
+TEST(WipeKeyTexts, PassesOverATextNodeWithoutContent)
+{
+    const Document tree = parsed(one("<key>" + std::string(64, 'a') + "</key>"));
+    xmlNode* record = root_of(tree)->children;
+    xmlNode* text = record->children->children;
+    xmlChar* content = text->content;
+    text->content = nullptr;
+    wipe_key_texts(record);
+    EXPECT_EQ(chars(content), std::string(64, 'a'));
+    text->content = content;
+    wipe_key_texts(record);
+    EXPECT_EQ(chars(content), "");
+}
+
 TEST(FindNodeFromInputRoot, TakesTheFirstPieceOfAnInterruptedText)
 {
     const std::string document =

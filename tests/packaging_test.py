@@ -102,7 +102,7 @@ class Packaging(BuildTestCase):
         self.assertEqual(sorted(names["runtime"]), ["libzentrava_keys.so.1", "libzentrava_keys.so.1.0.0"])
         for name in ("libzentrava_keys.so", "libzentrava_keys.a", "zentrava_keys.pc", "ecc.h"):
             self.assertIn(name, names["development"])
-        for name in ("zentrava-keystore", "zentrava-keystore.1", "zentrava-key-store.5"):
+        for name in ("zentrava-keystore", "zentrava-keystore.1", "zentrava-key-store.5", "py.typed"):
             self.assertIn(name, names["tools"])
         for name in ("README.md", "packaging.md", "armhf.cmake"):
             self.assertIn(name, names["documentation"])

@@ -29,4 +29,5 @@ FILES:zentrava-keystore = " \
     ${datadir}/bash-completion \
     ${datadir}/zsh \
     ${datadir}/fish \
+    ${libdir}/python3 \
 "

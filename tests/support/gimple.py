@@ -152,7 +152,6 @@ class Integers:
         self.wraps = []    # what sums and differences lost or gained, in units of 2^64, latest last
         self.facts = {}    # by unknown: what was said of it where it was made
         self.definitions = {}  # by unknown: what it is, in terms of older ones
-        self.carries_proved = 0
 
     def unknown(self, name=None, bound=DIGIT, aligned=1):
         value = Int(name or "u%d" % next(self.numbers))
@@ -250,7 +249,7 @@ class Integers:
         wrap = self.unknown(None, 2)
         result = self.unknown()
         self.define(result, left + sign * right - sign * DIGIT * wrap)
-        self.wraps.append(-wrap if sign > 0 else wrap)
+        self.wraps.append((-sign, wrap))
         return result
 
     def product(self, left, right):
@@ -323,16 +322,21 @@ class Integers:
         """A carry out of a comparison is, if that can be proved, what the last sums lost."""
         if not self.wraps:
             return self.named(value, 2)
-        last = self.wraps[-1]
-        sums = [last, last + self.wraps[-2]] if len(self.wraps) > 1 else [last]
-        for wrap in sums:
-            for candidate in (wrap, -wrap, 1 + wrap, 1 - wrap):
-                if refute(self.nearby(value == candidate), value == candidate, 5)[0] == unsat:
-                    self.carries_proved += 1
-                    carry = self.unknown(None, 2)
-                    self.define(carry, candidate)
-                    return carry
+        for candidate in self.candidates():
+            if refute(self.nearby(value == candidate), value == candidate, 5)[0] == unsat:
+                carry = self.unknown(None, 2)
+                self.define(carry, candidate)
+                return carry
         return self.named(value, 2)
+
+    def candidates(self):
+        """What a carry may be: wraps are 0 or 1, with a sign; a borrow may have been added as 2^64 - x."""
+        for signs in (self.wraps[-2:], self.wraps[-1:]):
+            low, high = sum(min(sign, 0) for sign, _ in signs), sum(max(sign, 0) for sign, _ in signs)
+            for base, factor in ((0, 1), (0, -1), (1, 1), (1, -1)):
+                least, most = sorted((base + factor * low, base + factor * high))
+                if least <= 0 and most >= 1:
+                    yield base + factor * sum(sign * wrap for sign, wrap in signs)
 
     def nearby(self, claim):
         """What was said of the unknowns in a claim where they were made, four steps back."""

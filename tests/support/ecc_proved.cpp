@@ -73,16 +73,6 @@ uint64_t proved_column_next(uint64_t* result, const uint64_t* left)
     return digit;
 }
 
-void proved_mult(uint64_t* result, const uint64_t* left, const uint64_t* right)
-{
-    portable::vli_mult(result, left, right);
-}
-
-void proved_square(uint64_t* result, const uint64_t* left)
-{
-    portable::vli_square(result, left);
-}
-
 void proved_modAdd(uint64_t* result, const uint64_t* left, const uint64_t* right,
                    const uint64_t* mod)
 {

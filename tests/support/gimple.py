@@ -79,7 +79,7 @@ def compile_functions(source, include, prefix, options=()):
 
 def read_function(parameters, code):
     function = Function(parameters)
-    code = re.sub(r"\n\s*(goto <bb|else)", r" \1", code)  # an if with both its ways: one line
+    code = re.sub(r"(\n *if [^\n]*)\n *(goto [^\n]*)\n *else\n *(goto)", r"\1 \2 else \3", code)  # on one line
     block = None
     for line in code.split("\n"):
         line = line.strip()
@@ -504,7 +504,10 @@ class Execution:
             self.arrivals.setdefault(successor, []).append((block, State(condition, dict(memory))))
 
     def assign(self, line, memory):
-        target, value = re.fullmatch(r"(.*?) = (.*);", line).groups()
+        found = re.fullmatch(r"(.*?) = (.*);", line)
+        if not found:
+            raise AssertionError("not understood: " + line)
+        target, value = found.groups()
         place = self.place(target)
         if place:
             value = self.operand(value)

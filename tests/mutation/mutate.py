@@ -19,9 +19,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parent))
 from mutants import Source  # noqa: E402
 
 ROOT = Path(__file__).resolve().parents[2]
-WORK = ROOT / "build" / "mutate"
-COPY = WORK / "source"
-TREE = WORK / "tree"
+WORK = ROOT / "build" / "mutate"  # or as --work says
 
 STORE = ("record_search hexadecimal_text handles key_lookup adding_keys removing_keys copying_keys "
          "exporting_keys presence stored_text odd_records store_allocation_failure durable_save "
@@ -51,7 +49,7 @@ def copy_tree():
                            text=True).stdout.split("\0")
     for name in filter(None, names):
         if name not in UNITS and (ROOT / name).is_file():
-            write_if_new(COPY / name, (ROOT / name).read_bytes())
+            write_if_new(WORK / "source" / name, (ROOT / name).read_bytes())
 
 
 def write_if_new(path, content):
@@ -71,8 +69,8 @@ def place_mutants():
         refused = set()
         while True:
             text, lines = source.with_mutants(refused)
-            (COPY / unit).parent.mkdir(parents=True, exist_ok=True)
-            candidate = COPY / (unit + ".new.cpp")
+            (WORK / "source" / unit).parent.mkdir(parents=True, exist_ok=True)
+            candidate = WORK / "source" / (unit + ".new.cpp")
             candidate.write_text(include + text)
             bad = errors_of(candidate)
             candidate.unlink()
@@ -86,7 +84,7 @@ def place_mutants():
             if not found:
                 sys.exit("%s with its mutants does not compile: %s" % (unit, bad))
             refused |= found
-        write_if_new(COPY / unit, (include + text).encode())
+        write_if_new(WORK / "source" / unit, (include + text).encode())
         mutants += [mutant for mutant in source.mutants if mutant.number not in refused]
         left_out |= refused
     return mutants, len(left_out)
@@ -104,13 +102,12 @@ def errors_of(source):
 
 def build(programs):
     log = open(WORK / "build.log", "w")
-    environment = {**os.environ, "CCACHE_DISABLE": "1"}
-    subprocess.run(["cmake", "-S", COPY, "-B", TREE, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=None",
+    subprocess.run(["cmake", "-S", WORK / "source", "-B", WORK / "tree", "-G", "Ninja", "-DCMAKE_BUILD_TYPE=None",
                     "-DCMAKE_CXX_FLAGS=-O1 -w -Dalways_inline=unused", "-DZENTRAVA_BUILD_TESTS=ON",
                     "-DZENTRAVA_BUILD_TOOLS=OFF", "-DZENTRAVA_BUILD_EXAMPLES=OFF"],
-                   check=True, stdout=log, stderr=log, env=environment)
-    subprocess.run(["ninja", "-C", TREE, "-j2", *("%s_test" % program for program in programs)],
-                   check=True, stdout=log, stderr=log, env=environment)
+                   check=True, stdout=log, stderr=log)
+    subprocess.run(["ninja", "-C", WORK / "tree", "-j2", *("%s_test" % program for program in programs)],
+                   check=True, stdout=log, stderr=log)
 
 
 # ---- Running -----------------------------------------------------------------------------------------
@@ -119,7 +116,7 @@ def run(program, tests, seconds, **environment):
     """How a program's tests end: "passed", "failed" or "timeout"."""
     with tempfile.TemporaryDirectory() as directory:
         process = subprocess.Popen(
-            [TREE / "tests" / (program + "_test"), "--gtest_fail_fast", "--gtest_brief=1",
+            [WORK / "tree" / "tests" / (program + "_test"), "--gtest_fail_fast", "--gtest_brief=1",
              "--gtest_filter=" + ":".join(tests)],
             cwd=directory, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
             env={**os.environ, **environment}, start_new_session=True,
@@ -142,7 +139,7 @@ def cpu_seconds():
 
 
 def tests_in(program):
-    listing = subprocess.run([TREE / "tests" / (program + "_test"), "--gtest_list_tests"], check=True,
+    listing = subprocess.run([WORK / "tree" / "tests" / (program + "_test"), "--gtest_list_tests"], check=True,
                              capture_output=True, text=True).stdout
     suite, names = "", []
     for line in listing.splitlines():
@@ -157,7 +154,7 @@ def tests_in(program):
 def measure(programs):
     """For each test its time, and the mutants that it comes by; kept until something is built anew."""
     kept = WORK / "tests.json"
-    newest = max(os.path.getmtime(TREE / "tests" / (program + "_test")) for program in programs)
+    newest = max(os.path.getmtime(WORK / "tree" / "tests" / (program + "_test")) for program in programs)
     known = json.loads(kept.read_text()) if kept.exists() and os.path.getmtime(kept) > newest else {}
     for program in programs:
         if program in known:
@@ -230,6 +227,9 @@ def equivalents():
 def main():
     parser = argparse.ArgumentParser(prog="scripts/mutate")
     parser.add_argument("--unit", action="append", choices=list(UNITS), help="only this source")
+    parser.add_argument("--program", action="append",
+                        help="only this test program, and what it comes by, e.g. hmac")
+    parser.add_argument("--work", type=Path, help="the directory to work in (default build/mutate)")
     parser.add_argument("--sample", type=int, help="so many mutants, chosen at random")
     parser.add_argument("--seed", type=int, default=1, help="for the choice (default 1)")
     parser.add_argument("--operator", help="only mutants of this kind")
@@ -239,6 +239,8 @@ def main():
     parser.add_argument("--require", type=float, default=0, help="fail below this score, in percent")
     options = parser.parse_args()
 
+    global WORK
+    WORK = options.work.resolve() if options.work else WORK
     begin = time.time()
     WORK.mkdir(parents=True, exist_ok=True)
     copy_tree()
@@ -246,18 +248,20 @@ def main():
     units = options.unit or MAIN_UNITS
     chosen = [m for m in mutants if m.file in units and options.operator in (None, m.operator) and
               (options.only or "") in m.after]
-    if options.sample:
-        chosen = sorted(random.Random(options.seed).sample(chosen, min(options.sample, len(chosen))))
     if options.list:
         for m in chosen:
             print("%s:%d: [%s] %s => %s" % (m.file, m.line, m.operator, m.before, m.after))
         return 0
-    programs = list(dict.fromkeys(program for unit in units for program in UNITS[unit]))
+    programs = options.program or list(dict.fromkeys(program for unit in units for program in UNITS[unit]))
     build(programs)
-    print("built in %.0f s: %d mutants (%d more do not compile)" % (time.time() - begin, len(mutants), left_out),
+    print("built in %.0f s; %d mutants (%d more do not compile)" % (time.time() - begin, len(mutants), left_out),
           flush=True)
     batches = covering(measure(programs), programs)
-    print("measured after %.0f s" % (time.time() - begin), flush=True)
+    print("what each test comes by is known after %.0f s" % (time.time() - begin), flush=True)
+    if options.program:
+        chosen = [m for m in chosen if m.number in batches]
+    if options.sample:
+        chosen = sorted(random.Random(options.seed).sample(chosen, min(options.sample, len(chosen))))
     return judge(chosen, batches, options)
 
 

@@ -39,6 +39,7 @@ UNITS = {  # the test programs that cover a unit
     "key_driver/xml_text.cpp": STORE,
 }
 MAIN_UNITS = list(UNITS)[:3]
+IN_MEMORY = "/dev/shm" if os.path.isdir("/dev/shm") else None  # tests write files, and sync them
 FAST = 0.1  # seconds: tests below that share a process
 
 
@@ -114,12 +115,12 @@ def build(programs):
 
 def run(program, tests, seconds, **environment):
     """How a program's tests end: "passed", "failed" or "timeout"."""
-    with tempfile.TemporaryDirectory() as directory:
+    with tempfile.TemporaryDirectory(dir=IN_MEMORY) as directory:
         process = subprocess.Popen(
             [WORK / "tree" / "tests" / (program + "_test"), "--gtest_fail_fast", "--gtest_brief=1",
              "--gtest_filter=" + ":".join(tests)],
             cwd=directory, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            env={**os.environ, **environment}, start_new_session=True,
+            env={**os.environ, "TMPDIR": directory, **environment}, start_new_session=True,
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_CORE, (0, 0)))
         try:
             return "passed" if process.wait(seconds) == 0 else "failed"
@@ -233,7 +234,7 @@ def main():
     parser.add_argument("--sample", type=int, help="so many mutants, chosen at random")
     parser.add_argument("--seed", type=int, default=1, help="for the choice (default 1)")
     parser.add_argument("--operator", help="only mutants of this kind")
-    parser.add_argument("--only", help="only mutants whose changed line contains this")
+    parser.add_argument("--only", help="only mutants whose line contains this, before or after")
     parser.add_argument("--again", action="store_true", help="also what has a result already")
     parser.add_argument("--list", action="store_true", help="list the mutants, run nothing")
     parser.add_argument("--require", type=float, default=0, help="fail below this score, in percent")
@@ -247,7 +248,7 @@ def main():
     mutants, left_out = place_mutants()
     units = options.unit or MAIN_UNITS
     chosen = [m for m in mutants if m.file in units and options.operator in (None, m.operator) and
-              (options.only or "") in m.after]
+              (options.only or "") in m.before + m.after]
     if options.list:
         for m in chosen:
             print("%s:%d: [%s] %s => %s" % (m.file, m.line, m.operator, m.before, m.after))
@@ -278,8 +279,9 @@ def judge(chosen, batches, options):
             end = "equivalent"
         counts[mutant.file][end] += 1
         if end == "survived":
-            print("survived: %s:%d: [%s] %s => %s %s" % (mutant.file, mutant.line, mutant.operator, mutant.before,
-                                                         mutant.after, by and "(%s)" % by), flush=True)
+            print("survived: %s:%d: [%s, %d] %s => %s %s" % (
+                mutant.file, mutant.line, mutant.operator, mutant.number, mutant.before, mutant.after,
+                by and "(%s)" % by), flush=True)
         if i % 20 == 0:
             results_file.write_text(json.dumps(results, indent=0))
     results_file.write_text(json.dumps(results, indent=0))

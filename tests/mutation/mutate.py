@@ -153,14 +153,14 @@ def tests_in(program):
 
 
 def measure(programs):
-    """For each test its time, and the mutants that it comes by; kept until something is built anew."""
+    """For each test its time, and the mutants that it comes by; kept until the program is built anew."""
     kept = WORK / "tests.json"
-    newest = max(os.path.getmtime(WORK / "tree" / "tests" / (program + "_test")) for program in programs)
-    known = json.loads(kept.read_text()) if kept.exists() and os.path.getmtime(kept) > newest else {}
+    known = json.loads(kept.read_text()) if kept.exists() else {}
     for program in programs:
-        if program in known:
+        built = os.path.getmtime(WORK / "tree" / "tests" / (program + "_test"))
+        if known.get(program, [0])[0] == built:
             continue
-        known[program] = {}
+        tests = {}
         for test in tests_in(program):
             with tempfile.NamedTemporaryFile() as reached:
                 reached.write(bytes(16384))
@@ -172,11 +172,12 @@ def measure(programs):
                 seconds = waited if waited > 4 else cpu_seconds() - cpu
                 numbers = [n for n, byte in enumerate(Path(reached.name).read_bytes()) if byte]
             if end == "passed":
-                known[program][test] = [seconds, numbers]
+                tests[test] = [seconds, numbers]
             else:
                 print("left out, as it fails without a mutant: %s %s" % (program, test), flush=True)
+        known[program] = [built, tests]
         kept.write_text(json.dumps(known))
-    return known
+    return {program: known[program][1] for program in programs}
 
 
 def covering(tests, programs):
@@ -215,14 +216,9 @@ def identity(mutant):
 
 
 def equivalents():
-    """The mutants that change nothing: the change, and why, by lines "file: before => after" and "  why"."""
-    known, change = {}, None
-    for line in (ROOT / "tests" / "mutation" / "equivalent.txt").read_text().splitlines():
-        if line.startswith("  "):
-            known[change] = line.strip()
-        elif line and not line.startswith("#"):
-            change = line
-    return known
+    """The mutants that change nothing: lines "file: before => after", or "=> *" for all of a line."""
+    text = (ROOT / "tests" / "mutation" / "equivalent.txt").read_text()
+    return {line for line in text.splitlines() if " => " in line and not line.startswith((" ", "#"))}
 
 
 def main():
@@ -275,7 +271,7 @@ def judge(chosen, batches, options):
         if options.again or results.get(name, ["survived"])[0] == "survived":
             results[name] = [*outcome(mutant, batches.get(mutant.number, [])), mutant.line]
         end, by = results[name][:2]
-        if end == "survived" and name in known_equivalents:
+        if end == "survived" and known_equivalents & {name, name.split(" => ")[0] + " => *"}:
             end = "equivalent"
         counts[mutant.file][end] += 1
         if end == "survived":

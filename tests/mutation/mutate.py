@@ -103,12 +103,13 @@ def errors_of(source):
 
 def build(programs):
     log = open(WORK / "build.log", "w")
+    environment = {**os.environ, "CCACHE_DISABLE": "1"}  # it may name sources by other paths
     subprocess.run(["cmake", "-S", WORK / "source", "-B", WORK / "tree", "-G", "Ninja", "-DCMAKE_BUILD_TYPE=None",
                     "-DCMAKE_CXX_FLAGS=-O1 -w -Dalways_inline=unused", "-DZENTRAVA_BUILD_TESTS=ON",
                     "-DZENTRAVA_BUILD_TOOLS=OFF", "-DZENTRAVA_BUILD_EXAMPLES=OFF"],
-                   check=True, stdout=log, stderr=log)
+                   check=True, stdout=log, stderr=log, env=environment)
     subprocess.run(["ninja", "-C", WORK / "tree", "-j2", *("%s_test" % program for program in programs)],
-                   check=True, stdout=log, stderr=log)
+                   check=True, stdout=log, stderr=log, env=environment)
 
 
 # ---- Running -----------------------------------------------------------------------------------------

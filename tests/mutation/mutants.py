@@ -11,9 +11,10 @@ values, as they are written in this library, and changes nothing else.
 """
 
 import re
-from collections import namedtuple
+from collections import Counter, namedtuple
 
-Mutant = namedtuple("Mutant", "number file operator line before after")
+# `again` counts earlier mutants of the source with the same change, on a line with the same text.
+Mutant = namedtuple("Mutant", "number file operator line before after again")
 Token = namedtuple("Token", "text start end")
 
 TOKEN = re.compile(r"""(?P<skip>\s+|//[^\n]*|/\*.*?\*/|^[ \t]*\#(?:[^\n\\]|\\.|\\\n)*)
@@ -50,6 +51,7 @@ class Source:
         self.tokens = tokens_of(text)
         self.number = first_number
         self.mutants = []
+        self.seen = Counter()
         self.constants = {}  # at file scope: the mutants of each
         self.edits = []  # (start, end, kind, [(number, text)])
         self.closing = self.matching_brackets()
@@ -262,7 +264,10 @@ class Source:
         for operator, text in changes:
             if text == self.text[start:end]:
                 continue
-            self.mutants.append(Mutant(self.number, self.name, operator, *self.changed_line(start, end, text)))
+            line, before, after = self.changed_line(start, end, text)
+            self.mutants.append(Mutant(self.number, self.name, operator, line, before, after,
+                                       self.seen[before, after]))
+            self.seen[before, after] += 1
             alternatives.append((self.number, text))
             self.number += 1
         if alternatives:

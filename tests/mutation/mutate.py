@@ -212,10 +212,6 @@ def outcome(mutant, batches):
 
 # ---- The whole ---------------------------------------------------------------------------------------
 
-def identity(mutant):
-    return "%s: %s => %s" % (mutant.file, mutant.before, mutant.after)
-
-
 def equivalents():
     """The mutants that change nothing: lines "file: before => after", or "=> *" for all of a line."""
     text = (ROOT / "tests" / "mutation" / "equivalent.txt").read_text()
@@ -268,11 +264,12 @@ def judge(chosen, batches, options):
     results = json.loads(results_file.read_text()) if results_file.exists() else {}
     known_equivalents, counts = equivalents(), defaultdict(Counter)
     for i, mutant in enumerate(chosen):
-        name = identity(mutant)
+        change = "%s: %s => %s" % (mutant.file, mutant.before, mutant.after)
+        name = "%s #%d" % (change, mutant.again)
         if options.again or results.get(name, ["survived"])[0] == "survived":
             results[name] = [*outcome(mutant, batches.get(mutant.number, [])), mutant.line]
         end, by = results[name][:2]
-        if end == "survived" and known_equivalents & {name, name.split(" => ")[0] + " => *"}:
+        if end == "survived" and known_equivalents & {change, change.split(" => ")[0] + " => *"}:
             end = "equivalent"
         counts[mutant.file][end] += 1
         if end == "survived":

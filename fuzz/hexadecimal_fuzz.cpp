@@ -1,7 +1,7 @@
 // The conversions of hexadecimal key text, against a conversion by the standard library of a text
 // that was made regular first.
 
-#include "target.h"
+#include "key_text.h"
 
 #include "key_driver/zentrava_key_management_utils.h"
 
@@ -12,31 +12,6 @@
 namespace {
 
 const uint8_t UNTOUCHED = 0xA5;
-
-// What is no hexadecimal digit counts as 0, and zeros follow the text.
-Bytes converted(std::string text, size_t count)
-{
-    static const std::string DIGITS = "0123456789abcdefABCDEF";
-    for (char& character : text) {
-        character = DIGITS.find(character) != DIGITS.npos ? character : '0';
-    }
-    text.resize(2 * count, '0');
-    Bytes bytes;
-    for (size_t i = 0; i < count; ++i) {
-        bytes.push_back(static_cast<uint8_t>(std::stoul(text.substr(2 * i, 2), nullptr, 16)));
-    }
-    return bytes;
-}
-
-// 32 and 64 bytes are converted, every other number of them is the characters themselves.
-Bytes expected_key(const std::string& text)
-{
-    const size_t count = (text.size() + 1) / 2;
-    if (count == 32 || count == 64) {
-        return converted(text, count);
-    }
-    return {text.begin(), text.begin() + static_cast<std::ptrdiff_t>(count)};
-}
 
 // A copy without a byte behind its terminator, for the sanitizer to watch.
 std::unique_ptr<char[]> exact_copy(const std::string& text)
@@ -52,7 +27,7 @@ void check_conversion(const std::string& text, uint32_t buffer_size)
     memset(key.get(), UNTOUCHED, buffer_size);
     const uint32_t result =
         _convert_hex_char_key_to_bytes(exact_copy(text).get(), key.get(), buffer_size);
-    Bytes expected = expected_key(text);
+    Bytes expected = key_of_text(text);
     const bool fits = expected.size() <= buffer_size;
     demand(result == (fits ? 0U : 1U), "a key is converted exactly if it fits");
     if (!fits) {

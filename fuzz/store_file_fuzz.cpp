@@ -1,0 +1,390 @@
+// A store file of any bytes: every operation that reads gives what a plain reader of the file would,
+// and leaves the file alone; a write then leaves a file in which the addressed record, and no other,
+// has changed, or is refused and leaves the file as it was.
+
+#include "store_model.h"
+
+#include <unistd.h>
+
+// The pause behind a write, left out. Not by a function of the C library's name: libFuzzer sleeps too.
+static unsigned int no_pause(unsigned int)
+{
+    return 0;
+}
+#define sleep no_pause
+#include "key_driver/zentrava_key_management_utils.cpp"
+#undef sleep
+
+#include <memory>
+
+namespace {
+
+const std::string UID = "0123456789abcdef0123456789abcdef";
+const std::string NEW_KEY(64, 'b');
+const char* const METADATA[] = {nullptr, "", "note", "<&> \xC3\xA9 \xE2\x82\xAC"};
+const uint8_t UNTOUCHED = 0xA5;
+
+struct Store {
+    StoreFile private_file;
+    StoreFile public_file;
+};
+
+Store read_store()
+{
+    return {read_store_file(PRIVATE_FILE), read_store_file(PUBLIC_FILE)};
+}
+
+// What an operation is called with: texts of a record that is there, or others.
+struct Arguments {
+    std::string uid;
+    std::string name;
+    std::string other_name;
+    std::string handle;
+    const char* metadata;
+    uint32_t size; // of a buffer
+};
+
+std::string text_or(const Record* record, const char* child, const std::string& otherwise)
+{
+    const Child* found = record != nullptr ? find_child(*record, child) : nullptr;
+    return found != nullptr ? found->text : otherwise;
+}
+
+Arguments take_arguments(Input* input, const Store& store)
+{
+    static const char* const NAMES[] = {"srk", "crk", "tmp_client_session_key", "new"};
+    Records records = store.private_file.records;
+    records.insert(records.end(), store.public_file.records.begin(),
+                   store.public_file.records.end());
+    const size_t chosen = take_byte(input);
+    const Record* record = chosen < records.size() ? &records[chosen] : nullptr;
+    const uint8_t variant = take_byte(input);
+    return {variant & 1 ? UID : text_or(record, "uid", UID),
+            variant & 2 ? NAMES[variant >> 6] : text_or(record, "key_name", "srk"),
+            NAMES[variant >> 6],
+            text_or(record, "handle", "1"),
+            METADATA[(variant >> 2) % 4],
+            take_byte(input)};
+}
+
+// ---- Reading
+
+// A buffer of exactly so many bytes, and never null.
+std::unique_ptr<uint8_t[]> buffer_of(uint32_t size)
+{
+    std::unique_ptr<uint8_t[]> buffer(new uint8_t[size]);
+    memset(buffer.get(), UNTOUCHED, size);
+    return buffer;
+}
+
+char* text_in(const std::unique_ptr<uint8_t[]>& buffer)
+{
+    return reinterpret_cast<char*>(buffer.get());
+}
+
+// The buffer with a text in it as the store leaves it: terminated, and zeros behind.
+Bytes filled(const std::string& text, uint32_t size)
+{
+    Bytes bytes(text.begin(), text.end());
+    bytes.resize(size, 0);
+    return bytes;
+}
+
+bool holds(const std::unique_ptr<uint8_t[]>& buffer, const Bytes& expected)
+{
+    return std::equal(expected.begin(), expected.end(), buffer.get());
+}
+
+// The text of the key that an operation finds in one file.
+std::optional<std::string> key_text_in(StoreFile file, const Arguments& a)
+{
+    const Record* record = find_by_name(&file.records, a.uid, a.name);
+    const std::optional<std::string> text = record ? key_text_of(*record) : std::nullopt;
+    return text && !text->empty() ? text : std::nullopt;
+}
+
+void check_get_key(const Store& store, const Arguments& a)
+{
+    std::optional<std::string> text = key_text_in(store.private_file, a);
+    if (!text) {
+        text = key_text_in(store.public_file, a);
+    }
+    const auto buffer = buffer_of(a.size);
+    uint32_t size = a.size;
+    const uint32_t result = get_key(reinterpret_cast<const unsigned char*>(a.uid.c_str()),
+                                    a.name.c_str(), buffer.get(), &size);
+    const Bytes key = text ? key_of_text(*text) : Bytes();
+    const bool fits = text && key.size() <= a.size;
+    demand(result == (fits ? 0U : 1U), "a key is found exactly if it is there and fits");
+    demand(size == (text ? key.size() : a.size), "its length is told");
+    demand(holds(buffer, fits ? key : Bytes(a.size, UNTOUCHED)),
+           "the key's bytes are those stored");
+}
+
+void check_hexadecimal(uint32_t (*read)(const char*, const char*, char*, uint32_t*),
+                       const StoreFile& file, const Arguments& a)
+{
+    const std::optional<std::string> text = key_text_in(file, a);
+    const bool is_found = text && !a.uid.empty() && text->size() < a.size;
+    const auto buffer = buffer_of(a.size);
+    uint32_t size = a.size;
+    const uint32_t result = read(a.uid.c_str(), a.name.c_str(), text_in(buffer), &size);
+    demand(result == (is_found ? 0U : 1U), "a key text is found exactly if it is there and fits");
+    demand(size == (is_found ? text->size() : a.size), "its length is told");
+    demand(!is_found || *text == text_in(buffer), "the text is handed out as it is stored");
+}
+
+// Handle and metadata of a record go into the buffers as far as they fit, until metadata did.
+struct Description {
+    uint32_t result;
+    Bytes handle;
+    Bytes metadata;
+};
+
+void describe(StoreFile file, const Arguments& a, Description* description)
+{
+    const Record* record = find_by_name(&file.records, a.uid, a.name);
+    if (record == nullptr) {
+        return;
+    }
+    for (const Child& child : record->children) {
+        const bool fits = child.text.size() + 1 <= a.size;
+        if (child.name == "handle" && fits) {
+            description->result = 0;
+            description->handle = filled(child.text, a.size);
+        } else if (child.name == "metadata" && fits) {
+            description->result = 0;
+            description->metadata = filled(child.text, a.size);
+            return;
+        }
+    }
+}
+
+void check_description(const Store& store, const Arguments& a)
+{
+    Description expected = {1, Bytes(a.size, UNTOUCHED), Bytes(a.size, UNTOUCHED)};
+    describe(store.private_file, a, &expected);
+    describe(store.public_file, a, &expected);
+    const auto handle = buffer_of(a.size);
+    const auto metadata = buffer_of(a.size);
+    const uint32_t result = get_key_handle(a.uid.c_str(), a.name.c_str(), text_in(metadata), a.size,
+                                           text_in(handle), a.size);
+    demand(result == expected.result, "a handle or metadata is found exactly if it is there");
+    demand(holds(handle, expected.handle), "the handle is the one stored");
+    demand(holds(metadata, expected.metadata), "the metadata is what is stored");
+}
+
+bool is_there(StoreFile file, const std::string& uid, const std::string& name)
+{
+    return find_by_name(&file.records, uid, name) != nullptr;
+}
+
+void check_presence(const StoreFile& file, const Arguments& a)
+{
+    const char* uid = a.uid.c_str();
+    demand(contains_key(uid, a.name.c_str()) == is_there(file, a.uid, a.name) &&
+               contains_crk(uid) == is_there(file, a.uid, "crk") &&
+               contains_csk(uid) == is_there(file, a.uid, "tmp_client_session_key"),
+           "presence is that in the private file");
+}
+
+std::string next_handle(const Store& store)
+{
+    return handle_after(std::max(largest_handle(store.private_file.records),
+                                 largest_handle(store.public_file.records)));
+}
+
+void check_new_handle(const Store& store)
+{
+    char handle[HANDLE_TEXT_SIZE];
+    demand(get_new_key_handle(handle, sizeof handle) == 0 && handle == next_handle(store),
+           "a new handle follows the largest one");
+}
+
+void check_reading(const Store& store, const Arguments& a)
+{
+    check_get_key(store, a);
+    check_hexadecimal(export_prv_key_in_clear_as_hex, store.private_file, a);
+    check_hexadecimal(read_public_key_as_hex, store.public_file, a);
+    check_description(store, a);
+    check_presence(store.private_file, a);
+    check_new_handle(store);
+    demand(content_of(PRIVATE_FILE) == store.private_file.content &&
+               content_of(PUBLIC_FILE) == store.public_file.content,
+           "reading does not change a file");
+}
+
+// ---- Writing
+//
+// Each of these calls an operation, makes the same change to the records of `expected`, and says
+// what the operation returned and was to return.
+
+struct Outcome {
+    uint32_t result;
+    uint32_t expected;
+};
+
+Outcome add(Store* expected, const Arguments& a, bool is_private, bool allow_replace)
+{
+    const uint32_t result = add_nonvolatile_based_key(
+        a.uid.c_str(), a.name.c_str(), NEW_KEY.c_str(), a.metadata, is_private, allow_replace);
+    StoreFile& file = is_private ? expected->private_file : expected->public_file;
+    if (!file.is_readable || a.uid.size() != 32) {
+        return {result, 1};
+    }
+    if (Record* record = find_by_name(&file.records, a.uid, a.name)) {
+        if (allow_replace) {
+            replace_key(record, NEW_KEY, a.metadata);
+        }
+        return {result, 1};
+    }
+    if (file.root_is_record) {
+        return {result, 1};
+    }
+    file.records.push_back(new_record(a.uid, a.name, next_handle(*expected), NEW_KEY, a.metadata));
+    return {result, 0};
+}
+
+// A document keeps its root element, which is emptied only.
+void remove(StoreFile* file, const Record* record)
+{
+    if (file->root_is_record) {
+        file->records[0].children.clear();
+    } else {
+        file->records.erase(file->records.begin() + (record - file->records.data()));
+    }
+}
+
+Outcome remove_by_handle(Store* expected, const Arguments& a)
+{
+    const uint32_t result = delete_key_by_handle(a.handle.c_str());
+    for (StoreFile* file : {&expected->public_file, &expected->private_file}) {
+        if (const Record* record = find_by_handle(&file->records, a.handle)) {
+            remove(file, record);
+            return {result, 0};
+        }
+    }
+    return {result, 1};
+}
+
+Outcome remove_by_name(Store* expected, const Arguments& a)
+{
+    const uint32_t result = delete_key_by_key_type(a.uid.c_str(), a.name.c_str());
+    for (StoreFile* file : {&expected->private_file, &expected->public_file}) {
+        if (const Record* record = find_by_name(&file->records, a.uid, a.name)) {
+            remove(file, record);
+            return {result, 0};
+        }
+    }
+    return {result, 1};
+}
+
+Outcome copy(Store* expected, const Arguments& a)
+{
+    const uint32_t result = copy_private_key(a.uid.c_str(), a.name.c_str(), a.other_name.c_str());
+    StoreFile& file = expected->private_file;
+    const std::optional<std::string> key = key_text_in(file, a);
+    if (a.uid.empty() || find_by_name(&file.records, a.uid, a.other_name) != nullptr || !key ||
+        file.root_is_record) {
+        return {result, 1};
+    }
+    file.records.push_back(new_record(a.uid, a.other_name, next_handle(*expected), *key, nullptr));
+    return {result, 0};
+}
+
+Outcome overwrite_srk_key(Store* expected, const Arguments& a)
+{
+    const uint32_t result = set_new_srk_key_data_for_uid(a.uid.c_str(), a.handle.c_str());
+    Records& records = expected->private_file.records;
+    Record* srk = find_by_name(&records, a.uid, "srk");
+    const Record* source = find_by_handle(&records, a.handle);
+    const std::optional<std::string> key = source ? key_text_of(*source) : std::nullopt;
+    if (srk == nullptr || !key) {
+        return {result, 1};
+    }
+    for (Child& child : srk->children) {
+        if (child.is_element && child.name == "key") {
+            set_child_text(&child, *key);
+            return {result, 0};
+        }
+    }
+    return {result, 1};
+}
+
+Outcome write(uint8_t operation, Store* expected, const Arguments& a)
+{
+    switch (operation % 8) {
+    case 0:
+    case 1:
+    case 2:
+    case 3:
+        return add(expected, a, (operation & 1) != 0, (operation & 2) != 0);
+    case 4:
+        return copy(expected, a);
+    case 5:
+        return overwrite_srk_key(expected, a);
+    case 6:
+        return remove_by_name(expected, a);
+    default:
+        // A file that cannot be read would leave the store's mutex locked.
+        if (!expected->private_file.is_readable || !expected->public_file.is_readable) {
+            return {1, 1};
+        }
+        return remove_by_handle(expected, a);
+    }
+}
+
+void check_file(const StoreFile& after, const StoreFile& expected)
+{
+    demand(after.is_readable == expected.is_readable, "a file that was written can be read");
+    demand(after.records == expected.records, "the addressed record has changed, and no other");
+}
+
+void check_writing(const Store& before, uint8_t operation, const Arguments& a)
+{
+    Store expected = before;
+    const Outcome outcome = write(operation, &expected, a);
+    const Store after = read_store();
+    const bool is_untouched = after.private_file.content == before.private_file.content &&
+                              after.public_file.content == before.public_file.content;
+    const bool may_be_refused = !before.private_file.is_plain || !before.public_file.is_plain;
+    if (outcome.result == 1 && is_untouched && may_be_refused) {
+        return;
+    }
+    demand(outcome.result == outcome.expected, "a write succeeds exactly if it can");
+    check_file(after.private_file, expected.private_file);
+    check_file(after.public_file, expected.public_file);
+}
+
+// The volatile tree of one input is not that of the next.
+void drop_volatile_tree()
+{
+    xmlFreeNode(tmpTree_rootNode);
+    tmpTree_rootNode = NULL;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    static const FILE* const messages = freopen("/dev/null", "w", stdout);
+    demand(messages != nullptr, "there is a place for messages");
+
+    Input input = {data, size};
+    const uint8_t operation = take_byte(&input);
+    Input rest = {input.at, std::min<size_t>(input.left, 3)};
+    input = {rest.at + rest.left, input.left - rest.left};
+    const std::string content = take_text(&input);
+    const std::string ordinary = "<keys><key_content><uid>" + UID +
+                                 "</uid><key_name>srk</key_name><handle>7</handle><key>" +
+                                 std::string(64, 'c') + "</key></key_content></keys>";
+    write_store_file(PRIVATE_FILE, operation & 16 ? content : ordinary);
+    write_store_file(PUBLIC_FILE, operation & 16 ? ordinary : content);
+
+    const Store store = read_store();
+    const Arguments arguments = take_arguments(&rest, store);
+    check_reading(store, arguments);
+    check_writing(store, operation, arguments);
+    drop_volatile_tree();
+    return 0;
+}

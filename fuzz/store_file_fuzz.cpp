@@ -24,16 +24,6 @@ const std::string NEW_KEY(64, 'b');
 const char* const METADATA[] = {nullptr, "", "note", "<&> \xC3\xA9 \xE2\x82\xAC"};
 const uint8_t UNTOUCHED = 0xA5;
 
-struct Store {
-    StoreFile private_file;
-    StoreFile public_file;
-};
-
-Store read_store()
-{
-    return {read_store_file(PRIVATE_FILE), read_store_file(PUBLIC_FILE)};
-}
-
 // What an operation is called with: texts of a record that is there, or others.
 struct Arguments {
     std::string uid;
@@ -95,20 +85,9 @@ bool holds(const std::unique_ptr<uint8_t[]>& buffer, const Bytes& expected)
     return std::equal(expected.begin(), expected.end(), buffer.get());
 }
 
-// The text of the key that an operation finds in one file.
-std::optional<std::string> key_text_in(StoreFile file, const Arguments& a)
-{
-    const Record* record = find_by_name(&file.records, a.uid, a.name);
-    const std::optional<std::string> text = record ? key_text_of(*record) : std::nullopt;
-    return text && !text->empty() ? text : std::nullopt;
-}
-
 void check_get_key(const Store& store, const Arguments& a)
 {
-    std::optional<std::string> text = key_text_in(store.private_file, a);
-    if (!text) {
-        text = key_text_in(store.public_file, a);
-    }
+    const std::optional<std::string> text = model::key_text_in(store, a.uid, a.name);
     const auto buffer = buffer_of(a.size);
     uint32_t size = a.size;
     const uint32_t result = get_key(reinterpret_cast<const unsigned char*>(a.uid.c_str()),
@@ -124,7 +103,7 @@ void check_get_key(const Store& store, const Arguments& a)
 void check_hexadecimal(uint32_t (*read)(const char*, const char*, char*, uint32_t*),
                        const StoreFile& file, const Arguments& a)
 {
-    const std::optional<std::string> text = key_text_in(file, a);
+    const std::optional<std::string> text = model::key_text_in(file, a.uid, a.name);
     const bool is_found = text && !a.uid.empty() && text->size() < a.size;
     const auto buffer = buffer_of(a.size);
     uint32_t size = a.size;
@@ -188,16 +167,10 @@ void check_presence(const StoreFile& file, const Arguments& a)
            "presence is that in the private file");
 }
 
-std::string next_handle(const Store& store)
-{
-    return handle_after(std::max(largest_handle(store.private_file.records),
-                                 largest_handle(store.public_file.records)));
-}
-
 void check_new_handle(const Store& store)
 {
     char handle[HANDLE_TEXT_SIZE];
-    demand(get_new_key_handle(handle, sizeof handle) == 0 && handle == next_handle(store),
+    demand(get_new_key_handle(handle, sizeof handle) == 0 && handle == model::next_handle(store),
            "a new handle follows the largest one");
 }
 
@@ -215,9 +188,6 @@ void check_reading(const Store& store, const Arguments& a)
 }
 
 // ---- Writing
-//
-// Each of these calls an operation, makes the same change to the records of `expected`, and says
-// what the operation returned and was to return.
 
 struct Outcome {
     uint32_t result;
@@ -226,111 +196,35 @@ struct Outcome {
 
 Outcome add(Store* expected, const Arguments& a, bool is_private, bool allow_replace)
 {
-    const uint32_t result = add_nonvolatile_based_key(
-        a.uid.c_str(), a.name.c_str(), NEW_KEY.c_str(), a.metadata, is_private, allow_replace);
-    StoreFile& file = is_private ? expected->private_file : expected->public_file;
-    if (!file.is_readable || a.uid.size() != 32) {
-        return {result, 1};
-    }
-    if (Record* record = find_by_name(&file.records, a.uid, a.name)) {
-        if (allow_replace) {
-            replace_key(record, NEW_KEY, a.metadata);
-        }
-        return {result, 1};
-    }
-    if (file.root_is_record) {
-        return {result, 1};
-    }
-    file.records.push_back(new_record(a.uid, a.name, next_handle(*expected), NEW_KEY, a.metadata));
-    return {result, 0};
+    return {add_nonvolatile_based_key(a.uid.c_str(), a.name.c_str(), NEW_KEY.c_str(), a.metadata,
+                                      is_private, allow_replace),
+            model::add_nonvolatile_based_key(expected, {a.uid, a.name, NEW_KEY, a.metadata},
+                                             is_private, allow_replace)};
 }
 
-// A document keeps its root element, which is emptied only.
-void remove(StoreFile* file, const Record* record)
-{
-    if (file->root_is_record) {
-        file->records[0].children.clear();
-    } else {
-        file->records.erase(file->records.begin() + (record - file->records.data()));
-    }
-}
-
-Outcome remove_by_handle(Store* expected, const Arguments& a)
-{
-    const uint32_t result = delete_key_by_handle(a.handle.c_str());
-    for (StoreFile* file : {&expected->public_file, &expected->private_file}) {
-        if (const Record* record = find_by_handle(&file->records, a.handle)) {
-            remove(file, record);
-            return {result, 0};
-        }
-    }
-    return {result, 1};
-}
-
-Outcome remove_by_name(Store* expected, const Arguments& a)
-{
-    const uint32_t result = delete_key_by_key_type(a.uid.c_str(), a.name.c_str());
-    for (StoreFile* file : {&expected->private_file, &expected->public_file}) {
-        if (const Record* record = find_by_name(&file->records, a.uid, a.name)) {
-            remove(file, record);
-            return {result, 0};
-        }
-    }
-    return {result, 1};
-}
-
-Outcome copy(Store* expected, const Arguments& a)
-{
-    const uint32_t result = copy_private_key(a.uid.c_str(), a.name.c_str(), a.other_name.c_str());
-    StoreFile& file = expected->private_file;
-    const std::optional<std::string> key = key_text_in(file, a);
-    if (a.uid.empty() || find_by_name(&file.records, a.uid, a.other_name) != nullptr || !key ||
-        file.root_is_record) {
-        return {result, 1};
-    }
-    file.records.push_back(new_record(a.uid, a.other_name, next_handle(*expected), *key, nullptr));
-    return {result, 0};
-}
-
-Outcome overwrite_srk_key(Store* expected, const Arguments& a)
-{
-    const uint32_t result = set_new_srk_key_data_for_uid(a.uid.c_str(), a.handle.c_str());
-    Records& records = expected->private_file.records;
-    Record* srk = find_by_name(&records, a.uid, "srk");
-    const Record* source = find_by_handle(&records, a.handle);
-    const std::optional<std::string> key = source ? key_text_of(*source) : std::nullopt;
-    if (srk == nullptr || !key) {
-        return {result, 1};
-    }
-    for (Child& child : srk->children) {
-        if (child.is_element && child.name == "key") {
-            set_child_text(&child, *key);
-            return {result, 0};
-        }
-    }
-    return {result, 1};
-}
-
+// Calls an operation, and makes the same change to what is expected.
 Outcome write(uint8_t operation, Store* expected, const Arguments& a)
 {
+    const char* uid = a.uid.c_str();
     switch (operation % 8) {
-    case 0:
-    case 1:
-    case 2:
-    case 3:
-        return add(expected, a, (operation & 1) != 0, (operation & 2) != 0);
     case 4:
-        return copy(expected, a);
+        return {copy_private_key(uid, a.name.c_str(), a.other_name.c_str()),
+                model::copy_private_key(expected, a.uid, a.name, a.other_name)};
     case 5:
-        return overwrite_srk_key(expected, a);
+        return {set_new_srk_key_data_for_uid(uid, a.handle.c_str()),
+                model::set_new_srk_key_data_for_uid(expected, a.uid, a.handle)};
     case 6:
-        return remove_by_name(expected, a);
-    default:
+        return {delete_key_by_key_type(uid, a.name.c_str()),
+                model::delete_key_by_key_type(expected, a.uid, a.name)};
+    case 7:
         // A file that cannot be read would leave the store's mutex locked.
         if (!expected->private_file.is_readable || !expected->public_file.is_readable) {
             return {1, 1};
         }
-        return remove_by_handle(expected, a);
+        return {delete_key_by_handle(a.handle.c_str()),
+                model::delete_key_by_handle(expected, a.handle)};
+    default:
+        return add(expected, a, (operation & 1) != 0, (operation & 2) != 0);
     }
 }
 
@@ -344,7 +238,7 @@ void check_writing(const Store& before, uint8_t operation, const Arguments& a)
 {
     Store expected = before;
     const Outcome outcome = write(operation, &expected, a);
-    const Store after = read_store();
+    const Store after = model::read_store();
     const bool is_untouched = after.private_file.content == before.private_file.content &&
                               after.public_file.content == before.public_file.content;
     const bool may_be_refused = !before.private_file.is_plain || !before.public_file.is_plain;
@@ -381,7 +275,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     write_store_file(PRIVATE_FILE, operation & 16 ? content : ordinary);
     write_store_file(PUBLIC_FILE, operation & 16 ? ordinary : content);
 
-    const Store store = read_store();
+    const Store store = model::read_store();
     const Arguments arguments = take_arguments(&rest, store);
     check_reading(store, arguments);
     check_writing(store, operation, arguments);

@@ -268,3 +268,179 @@ inline void replace_key(Record* record, const std::string& key, const char* meta
         record->children.push_back(new_child("metadata", metadata));
     }
 }
+
+// ---- Operations
+//
+// What the writing operations make of a store. Each returns the result that its namesake is to have.
+
+struct Store {
+    StoreFile private_file;
+    StoreFile public_file;
+    Records volatile_tree;
+};
+
+namespace model {
+
+struct KeyTexts {
+    std::string uid;
+    std::string name;
+    std::string key;
+    const char* metadata;
+};
+
+inline Store read_store()
+{
+    return {read_store_file(PRIVATE_FILE), read_store_file(PUBLIC_FILE), {}};
+}
+
+inline std::string next_handle(const Store& store)
+{
+    return handle_after(
+        std::max({largest_handle(store.private_file.records),
+                  largest_handle(store.public_file.records), largest_handle(store.volatile_tree)}));
+}
+
+// The text of the key that is found in one file; none if it is empty.
+inline std::optional<std::string> key_text_in(StoreFile file, const std::string& uid,
+                                              const std::string& name)
+{
+    const Record* record = find_by_name(&file.records, uid, name);
+    const std::optional<std::string> text = record ? key_text_of(*record) : std::nullopt;
+    return text && !text->empty() ? text : std::nullopt;
+}
+
+// The private file's key goes first.
+inline std::optional<std::string> key_text_in(const Store& store, const std::string& uid,
+                                              const std::string& name)
+{
+    const std::optional<std::string> text = key_text_in(store.private_file, uid, name);
+    return text ? text : key_text_in(store.public_file, uid, name);
+}
+
+inline bool is_valid(const KeyTexts& texts)
+{
+    const bool is_storable = texts.metadata == nullptr || strchr(texts.metadata, '\x01') == nullptr;
+    return texts.uid.size() == 32 && texts.key.size() == 64 && is_storable;
+}
+
+// A replacement is reported as a failure.
+inline uint32_t add_nonvolatile_based_key(Store* store, const KeyTexts& texts, bool is_private,
+                                          bool allow_replace)
+{
+    StoreFile& file = is_private ? store->private_file : store->public_file;
+    if (!file.is_readable || !is_valid(texts)) {
+        return 1;
+    }
+    Record* record = find_by_name(&file.records, texts.uid, texts.name);
+    if (record != nullptr && allow_replace) {
+        replace_key(record, texts.key, texts.metadata);
+    }
+    if (record != nullptr || file.root_is_record) {
+        return 1;
+    }
+    file.records.push_back(
+        new_record(texts.uid, texts.name, next_handle(*store), texts.key, texts.metadata));
+    return 0;
+}
+
+inline uint32_t add_volatile_based_key(Store* store, const KeyTexts& texts, size_t handle_size)
+{
+    const std::string handle = next_handle(*store);
+    if (!is_valid(texts) || handle.size() >= handle_size ||
+        find_by_name(&store->volatile_tree, texts.uid, texts.name) != nullptr) {
+        return 1;
+    }
+    store->volatile_tree.push_back(
+        new_record(texts.uid, texts.name, handle, texts.key, texts.metadata));
+    return 0;
+}
+
+inline uint32_t add_volatile_key(Store* store, const std::string& key, size_t handle_size)
+{
+    const std::string handle = next_handle(*store);
+    if (handle.size() >= handle_size) {
+        return 1;
+    }
+    store->volatile_tree.push_back({{new_child("handle", handle), new_child("key", key)}, true});
+    return 0;
+}
+
+inline void remove(Records* records, const Record* record)
+{
+    records->erase(records->begin() + (record - records->data()));
+}
+
+// A document keeps its root element, which is emptied only.
+inline void remove(StoreFile* file, const Record* record)
+{
+    if (file->root_is_record) {
+        file->records[0].children.clear();
+    } else {
+        remove(&file->records, record);
+    }
+}
+
+inline uint32_t delete_key_by_handle(Store* store, const std::string& handle)
+{
+    if (const Record* record = find_by_handle(&store->volatile_tree, handle)) {
+        remove(&store->volatile_tree, record);
+        return 0;
+    }
+    for (StoreFile* file : {&store->public_file, &store->private_file}) {
+        if (const Record* record = find_by_handle(&file->records, handle)) {
+            remove(file, record);
+            return 0;
+        }
+    }
+    return 1;
+}
+
+// A volatile key is not deleted, and protects those of its name in the files.
+inline uint32_t delete_key_by_key_type(Store* store, const std::string& uid,
+                                       const std::string& name)
+{
+    if (find_by_name(&store->volatile_tree, uid, name) != nullptr) {
+        return 1;
+    }
+    for (StoreFile* file : {&store->private_file, &store->public_file}) {
+        if (const Record* record = find_by_name(&file->records, uid, name)) {
+            remove(file, record);
+            return 0;
+        }
+    }
+    return 1;
+}
+
+inline uint32_t copy_private_key(Store* store, const std::string& uid, const std::string& name,
+                                 const std::string& copy_name)
+{
+    StoreFile& file = store->private_file;
+    const std::optional<std::string> key = key_text_in(file, uid, name);
+    if (uid.empty() || find_by_name(&file.records, uid, copy_name) != nullptr || !key ||
+        file.root_is_record) {
+        return 1;
+    }
+    file.records.push_back(new_record(uid, copy_name, next_handle(*store), *key, nullptr));
+    return 0;
+}
+
+inline uint32_t set_new_srk_key_data_for_uid(Store* store, const std::string& uid,
+                                             const std::string& handle)
+{
+    Records& records = store->private_file.records;
+    Record* srk = find_by_name(&records, uid, "srk");
+    const Record* source = find_by_handle(&records, handle);
+    const std::optional<std::string> key = source ? key_text_of(*source) : std::nullopt;
+    if (srk == nullptr || !key) {
+        return 1;
+    }
+    for (Child& child : srk->children) {
+        if (child.is_element && child.name == "key") {
+            set_child_text(&child, *key);
+            return 0;
+        }
+    }
+    return 1;
+}
+
+} // namespace model

@@ -56,6 +56,18 @@ std::string quoted(const std::string& field)
     return text + "\"";
 }
 
+std::string csv_of(const Entries& entries)
+{
+    std::string content = "uid,key_name,file,key,metadata\r\n";
+    for (const ManifestEntry& entry : entries) {
+        for (const std::string& text : texts_of(entry)) {
+            content += quoted(text) + ",";
+        }
+        content.back() = '\n';
+    }
+    return content;
+}
+
 void check_csv(const std::string& content)
 {
     Entries entries;
@@ -64,15 +76,9 @@ void check_csv(const std::string& content)
     if (failure) {
         return;
     }
-    std::string anew = "uid,key_name,file,key,metadata\r\n";
-    for (const ManifestEntry& entry : entries) {
-        for (const std::string& text : texts_of(entry)) {
-            anew += quoted(text) + ",";
-        }
-        anew.back() = '\n';
-    }
     Entries read_anew;
-    demand(!read_csv_manifest(NAME, anew, &read_anew), "what was accepted is accepted again");
+    demand(!read_csv_manifest(NAME, csv_of(entries), &read_anew),
+           "what was accepted is accepted again");
     demand_same(entries, read_anew, "CSV reads the same");
 }
 
@@ -141,17 +147,53 @@ void check_json(const std::string& content)
     demand_same(entries, expected, "JSON means what it says");
 }
 
+// ---- Any texts
+
+// Up to a NUL, which is dropped.
+std::string take_up_to_nul(Input* input)
+{
+    std::string text;
+    while (const uint8_t byte = take_byte(input)) {
+        text += static_cast<char>(byte);
+    }
+    return text;
+}
+
+Entries take_entries(Input* input)
+{
+    Entries entries;
+    while (input->left > 0) {
+        entries.push_back({});
+        for (auto text : {&ManifestEntry::uid, &ManifestEntry::key_name, &ManifestEntry::file,
+                          &ManifestEntry::key, &ManifestEntry::metadata}) {
+            entries.back().*text = take_up_to_nul(input);
+        }
+    }
+    return entries;
+}
+
+// Whatever texts there are, what is written as CSV is read.
+void check_texts(const Entries& entries)
+{
+    Entries read;
+    demand(!read_csv_manifest(NAME, csv_of(entries), &read), "CSV can hold every text");
+    demand_same(entries, read, "and holds it as it is");
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Input input = {data, size};
-    const bool is_csv = take_byte(&input) % 2 == 'c' % 2; // "c" or "j" in front of a readable file
-    const std::string content = take_text(&input);
-    if (is_csv) {
-        check_csv(content);
-    } else {
-        check_json(content);
+    switch (take_byte(&input)) { // in front of a readable file
+    case 'c':
+        check_csv(take_text(&input));
+        break;
+    case 't':
+        check_texts(take_entries(&input));
+        break;
+    default:
+        check_json(take_text(&input));
     }
     return 0;
 }

@@ -303,7 +303,8 @@ Bytes hmac(const Bytes& key, const Bytes& message)
 
 Bytes take_amtc0(Input* input)
 {
-    return Bytes(take_byte(input) % 8, take_byte(input) % 3);
+    const size_t size = take_byte(input) % 8;
+    return Bytes(size, take_byte(input) % 3);
 }
 
 void derive_from_root(Context* context, Input* input)

@@ -33,6 +33,13 @@ mpz_class take_number(Input* input)
     }
 }
 
+// As 64 bytes.
+Bytes take_two_numbers(Input* input)
+{
+    const Bytes first = bytes(take_number(input));
+    return first + bytes(take_number(input));
+}
+
 mpz_class into_range(const mpz_class& number)
 {
     return 1 + number % (n - 1);
@@ -53,7 +60,7 @@ Bytes take_public_key(Input* input, const mpz_class& private_key)
     if (form % 4 == 1) {
         key = openssl_compressed(key);
     } else if (form % 4 == 2) {
-        key = Bytes{4} + bytes(take_number(input)) + bytes(take_number(input));
+        key = Bytes{4} + take_two_numbers(input);
     } else if (form % 4 == 3) {
         key = Bytes{static_cast<uint8_t>(form / 4)} + bytes(take_number(input));
     }
@@ -79,7 +86,7 @@ Bytes take_signature(Input* input, const Bytes& hash, const mpz_class& private_k
     if (take_byte(input) % 2 == 0) {
         signature = signature_of(hash, private_key, into_range(take_number(input)));
     } else {
-        signature = bytes(take_number(input)) + bytes(take_number(input));
+        signature = take_two_numbers(input);
     }
     damage(input, &signature);
     return signature;

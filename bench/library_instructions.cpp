@@ -93,7 +93,7 @@ int main()
     for (const size_t size : {size_t{32}, size_t{1024}, size_t{1048576}}) {
         succeeded = succeeded && count_hmac(size);
     }
-    for (const int size : {10, 1000, 10000}) {
+    for (const int size : {10, 1000, 10000, 100000}) {
         enter_store(stores / std::to_string(size), size);
         succeeded = succeeded && count_store_operations(size);
     }

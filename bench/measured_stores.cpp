@@ -16,9 +16,6 @@ extern "C" unsigned int sleep(unsigned int)
     return 0;
 }
 
-static const char* const DEVICE_UID = "0123456789abcdef0123456789abcdef";
-static const std::string KEY(64, 'a');
-
 // ---------------------------------------------------------------------------------------------
 // The stores
 // ---------------------------------------------------------------------------------------------
@@ -37,7 +34,7 @@ static void write_store_file(const std::filesystem::path& path, int records, int
     file << "<?xml version=\"1.0\"?>\n<keys>\n";
     for (int i = 1; i <= records; ++i) {
         file << "<key_content><uid>" << DEVICE_UID << "</uid><key_name>key" << i
-             << "</key_name><handle>" << first_handle + i << "</handle><key>" << KEY
+             << "</key_name><handle>" << first_handle + i << "</handle><key>" << KEY_TEXT
              << "</key><metadata>made for measuring</metadata></key_content>\n";
     }
     file << "</keys>\n";
@@ -80,13 +77,15 @@ static bool export_key(const char* last_name)
 static bool replace_key(const char* last_name)
 {
     // A replacement reports a failure when it succeeds.
-    return add_nonvolatile_based_key(DEVICE_UID, last_name, KEY.c_str(), nullptr, true, true) == 1;
+    return add_nonvolatile_based_key(DEVICE_UID, last_name, KEY_TEXT.c_str(), nullptr, true,
+                                     true) == 1;
 }
 
 // Two operations, so that the store stays as it is.
 static bool add_and_delete_key(const char*)
 {
-    return add_nonvolatile_based_key(DEVICE_UID, "new", KEY.c_str(), nullptr, true, false) == 0 &&
+    return add_nonvolatile_based_key(DEVICE_UID, "new", KEY_TEXT.c_str(), nullptr, true, false) ==
+               0 &&
            delete_key_by_key_type(DEVICE_UID, "new") == 0;
 }
 

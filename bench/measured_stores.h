@@ -10,6 +10,10 @@
 inline const char* const PRIVATE_FILE = "key_contents_prv.xml";
 inline const char* const PUBLIC_FILE = "key_contents_pub.xml";
 
+// Of every record.
+inline const char* const DEVICE_UID = "0123456789abcdef0123456789abcdef";
+inline const std::string KEY_TEXT(64, 'a');
+
 // A directory for the stores to lie in, in memory if possible: what a disk takes is not the
 // library's doing. Empty when there is none to be had.
 std::filesystem::path make_store_directory();

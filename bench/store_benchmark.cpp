@@ -6,35 +6,9 @@
 // else the machine does slows down both. `per_record` is the median for each record of a file.
 
 #include "measured_stores.h"
+#include "processor_time.h"
 
 #include <benchmark/benchmark.h>
-
-#include <time.h>
-
-#include <algorithm>
-
-// ---------------------------------------------------------------------------------------------
-// Measuring
-// ---------------------------------------------------------------------------------------------
-
-// In seconds; negative when the work failed.
-template <typename Work> static double time_of(Work work)
-{
-    timespec begin = {};
-    timespec end = {};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &begin);
-    const bool succeeded = work();
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &end);
-    const double seconds = static_cast<double>(end.tv_sec - begin.tv_sec) +
-                           static_cast<double>(end.tv_nsec - begin.tv_nsec) * 1e-9;
-    return succeeded ? seconds : -1;
-}
-
-static double median_of(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
 
 static void run_in_turns(benchmark::State& state, const MeasuredOperation& operation, int size,
                          const std::filesystem::path& stores)
@@ -45,8 +19,8 @@ static void run_in_turns(benchmark::State& state, const MeasuredOperation& opera
     std::vector<double> floors;
     std::vector<double> ratios;
     for (auto _ : state) {
-        floors.push_back(time_of([&] { return operation.floor(last_name.c_str()); }));
-        times.push_back(time_of([&] { return operation.run(last_name.c_str()); }));
+        floors.push_back(processor_time_of([&] { return operation.floor(last_name.c_str()); }));
+        times.push_back(processor_time_of([&] { return operation.run(last_name.c_str()); }));
         if (floors.back() < 0 || times.back() < 0) {
             state.SkipWithError("the operation failed");
             return;

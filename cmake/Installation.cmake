@@ -19,6 +19,8 @@ write_basic_package_version_file(
 install(FILES "${PROJECT_BINARY_DIR}/zentrava_keys-config-version.cmake"
     DESTINATION "${zentrava_package_dir}")
 
+install(FILES docs/man/zentrava-keys.3 DESTINATION "${CMAKE_INSTALL_MANDIR}/man3")
+
 set(zentrava_pkgconfig_dir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 set(zentrava_include_dir "${CMAKE_INSTALL_INCLUDEDIR}/zentrava")
 cmake_path(ABSOLUTE_PATH zentrava_pkgconfig_dir BASE_DIRECTORY /prefix OUTPUT_VARIABLE from)

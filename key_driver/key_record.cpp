@@ -3,47 +3,8 @@
 
 #include "key_record.h"
 
-#include "key_store_format.h"
-
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
-
-// As xmlStrcmp compares, null included, but by the C library's function, which looks at whole words:
-// a search compares every record's texts.
-bool is_same_text(const xmlChar* a, const xmlChar* b)
-{
-    if (a == NULL || b == NULL) {
-        return a == b;
-    }
-    return a[0] == b[0] && strcmp(as_chars(a), as_chars(b)) == 0;
-}
-
-bool is_named(const xmlNode* node, const xmlChar* name)
-{
-    return is_same_text(node->name, name);
-}
-
-bool is_key_record(const xmlNode* node)
-{
-    return node->type == XML_ELEMENT_NODE && is_named(node, XML_NodeName_Key_Content);
-}
-
-bool is_text(const xmlNode* node)
-{
-    return node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE;
-}
-
-xmlNode* first_child_of(const xmlNode* node)
-{
-    return node->type != XML_ENTITY_REF_NODE ? node->children : NULL;
-}
-
-const xmlChar* text_of(const xmlNode* element)
-{
-    const xmlNode* first = first_child_of(element);
-    return first != NULL && is_text(first) && first->content != NULL ? first->content : as_xml("");
-}
 
 // ---- Handles
 

@@ -6,10 +6,13 @@
 #ifndef ZENTRAVA_KEY_DRIVER_KEY_RECORD_H
 #define ZENTRAVA_KEY_DRIVER_KEY_RECORD_H
 
+#include "key_store_format.h"
+
 #include <libxml/tree.h>
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #pragma GCC visibility push(hidden)
 
@@ -23,25 +26,50 @@ inline const char* as_chars(const xmlChar* text)
     return reinterpret_cast<const char*>(text);
 }
 
-// Null, the name of some kinds of node, is the same as null alone.
-bool is_same_text(const xmlChar* a, const xmlChar* b);
+// ---- Looking at nodes (inline: a search looks at every node of a file)
+
+// Null, the name of some kinds of node, is the same as null alone. Compares as xmlStrcmp does, but by
+// the C library's function, which looks at whole words.
+inline bool is_same_text(const xmlChar* a, const xmlChar* b)
+{
+    if (a == NULL || b == NULL) {
+        return a == b;
+    }
+    return a[0] == b[0] && strcmp(as_chars(a), as_chars(b)) == 0;
+}
 
 // Names are compared whatever the type of the node; a text or comment node is never called "uid".
-bool is_named(const xmlNode* node, const xmlChar* name);
+inline bool is_named(const xmlNode* node, const xmlChar* name)
+{
+    return is_same_text(node->name, name);
+}
 
-bool is_key_record(const xmlNode* node);
+inline bool is_key_record(const xmlNode* node)
+{
+    return node->type == XML_ELEMENT_NODE && is_named(node, XML_NodeName_Key_Content);
+}
 
 // Whether a node is text, or a section of character data.
-bool is_text(const xmlNode* node);
+inline bool is_text(const xmlNode* node)
+{
+    return node->type == XML_TEXT_NODE || node->type == XML_CDATA_SECTION_NODE;
+}
 
 // Null for a node without children, and for an entity reference: below that hangs the entity's
 // declaration, which is no part of the content and whose siblings can lead back to the reference.
-xmlNode* first_child_of(const xmlNode* node);
+inline xmlNode* first_child_of(const xmlNode* node)
+{
+    return node->type != XML_ENTITY_REF_NODE ? node->children : NULL;
+}
 
 // The text that a record's child holds: its first child's, if that is text. Everything else (no
 // child at all, a comment, an element, an entity reference first) counts as the empty text. Never
 // null; points into the tree.
-const xmlChar* text_of(const xmlNode* element);
+inline const xmlChar* text_of(const xmlNode* element)
+{
+    const xmlNode* first = first_child_of(element);
+    return first != NULL && is_text(first) && first->content != NULL ? first->content : as_xml("");
+}
 
 // ---- Handles
 

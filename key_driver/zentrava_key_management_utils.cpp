@@ -143,7 +143,8 @@ static xmlNodePtr getTmpTreeRootNode()
 // ---------------------------------------------------------------------------------------------
 
 // The first node at or after `node` among its siblings that has this name and holds this text.
-static const xmlNode* find_sibling(const xmlNode* node, const xmlChar* name, const xmlChar* text)
+static inline const xmlNode* find_sibling(const xmlNode* node, const xmlChar* name,
+                                          const xmlChar* text)
 {
     while (node != NULL && !(is_named(node, name) && is_same_text(text_of(node), text))) {
         node = node->next;
@@ -174,6 +175,7 @@ static bool record_has_uid_and_name(const xmlNode* record, const xmlChar* uid,
 static void fetch_ahead(const xmlNode* record)
 {
     const uintptr_t begin = reinterpret_cast<uintptr_t>(record) + 3072;
+#pragma GCC unroll 24
     for (uintptr_t line = begin; line < begin + 1536; line += 64) {
         __builtin_prefetch(reinterpret_cast<const void*>(line));
     }
@@ -194,9 +196,8 @@ static xmlNode* find_node_from_input_root(xmlNode* rootNode, const xmlChar* uid,
             if (matches) {
                 return node;
             }
-        } else {
-            xmlNode* found =
-                find_node_from_input_root(first_child_of(node), uid, handle, key_name, key);
+        } else if (xmlNode* below = first_child_of(node); below != NULL) {
+            xmlNode* found = find_node_from_input_root(below, uid, handle, key_name, key);
             if (found != NULL) {
                 return found;
             }

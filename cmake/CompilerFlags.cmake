@@ -10,6 +10,13 @@ if(ZENTRAVA_SANITIZE)
         -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${ZENTRAVA_SANITIZE})
 endif()
+# What counts is the library's code, not that of the tests beside which it is compiled.
+if(ZENTRAVA_COVERAGE)
+    add_compile_options(-fprofile-instr-generate -fcoverage-mapping -fcoverage-mcdc
+        "-fprofile-list=${PROJECT_SOURCE_DIR}/cmake/coverage.list"
+        -Wno-unknown-pragmas) # GCC's way to have loops unrolled
+    add_link_options(-fprofile-instr-generate)
+endif()
 # Assertions and debug information name sources from the root of the tree, not the build machine's
 # directories.
 add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")

@@ -9,8 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-static char temporary_directory[] = "/tmp/zentrava_example_XXXXXX";
-static bool is_temporary = false;
+static char temporary_directory[256] = "";
 
 /* ---- The key store --------------------------------------------------------------------------- */
 
@@ -35,6 +34,20 @@ static bool write_store_file(const char* file_name, mode_t mode, const char* uid
     return fclose(file) == 0 && written;
 }
 
+/* The name is kept only when we are there: what is removed in the end is removed from there. */
+static bool go_to_temporary_directory(void)
+{
+    const char* parent = getenv("TMPDIR");
+    char name[sizeof temporary_directory];
+    const int len = snprintf(name, sizeof name, "%s/zentrava_example_XXXXXX",
+                             parent != NULL && parent[0] == '/' ? parent : "/tmp");
+    if (len >= (int)sizeof name || mkdtemp(name) == NULL || chdir(name) != 0) {
+        return false;
+    }
+    memcpy(temporary_directory, name, sizeof name);
+    return true;
+}
+
 static bool has_store(void)
 {
     return access("key_contents_prv.xml", F_OK) == 0 && access("key_contents_pub.xml", F_OK) == 0;
@@ -43,12 +56,10 @@ static bool has_store(void)
 bool begin_example(int argc, char** argv, const char* uid, const struct stored_key* private_keys,
                    const struct stored_key* public_keys)
 {
-    const char* directory = argc > 1 ? argv[1] : mkdtemp(temporary_directory);
-    is_temporary = argc <= 1 && directory != NULL;
-    if (directory == NULL || chdir(directory) != 0 ||
-        (!has_store() &&
-         (!write_store_file("key_contents_prv.xml", 0600, uid, private_keys, 1) ||
-          !write_store_file("key_contents_pub.xml", 0644, uid, public_keys, 101)))) {
+    const bool is_there = argc > 1 ? chdir(argv[1]) == 0 : go_to_temporary_directory();
+    if (!is_there || (!has_store() &&
+                      (!write_store_file("key_contents_prv.xml", 0600, uid, private_keys, 1) ||
+                       !write_store_file("key_contents_pub.xml", 0644, uid, public_keys, 101)))) {
         perror("cannot make a key store");
         return false;
     }
@@ -57,10 +68,13 @@ bool begin_example(int argc, char** argv, const char* uid, const struct stored_k
 
 int end_example(bool succeeded)
 {
-    if (is_temporary) {
+    if (temporary_directory[0] != '\0') {
         unlink("key_contents_prv.xml");
         unlink("key_contents_pub.xml");
-        rmdir(temporary_directory);
+        if (rmdir(temporary_directory) != 0) { /* also when something is left in it */
+            perror("cannot remove the temporary key store");
+            succeeded = false;
+        }
     }
     return succeeded ? EXIT_SUCCESS : EXIT_FAILURE;
 }
@@ -136,4 +150,12 @@ bool fill_random(uint8_t* bytes, size_t len)
         fclose(source);
     }
     return filled;
+}
+
+void wipe(void* key, size_t len)
+{
+    volatile uint8_t* bytes = key;
+    for (size_t i = 0; i < len; ++i) {
+        bytes[i] = 0;
+    }
 }

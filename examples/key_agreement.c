@@ -62,5 +62,9 @@ int main(void)
                     agree(&alice, &bob, alices_secret) && agree(&bob, &alice, bobs_secret) &&
                     memcmp(alices_secret, bobs_secret, sizeof alices_secret) == 0 &&
                     sign_and_verify(&alice);
+    wipe(alice.private_key, sizeof alice.private_key);
+    wipe(bob.private_key, sizeof bob.private_key);
+    wipe(alices_secret, sizeof alices_secret);
+    wipe(bobs_secret, sizeof bobs_secret);
     return end_example(ok);
 }

@@ -234,6 +234,7 @@ static char* read_content(int fd, size_t* size)
         if (count > 0) {
             done += static_cast<size_t>(count);
         } else if (count == 0 || errno != EINTR) {
+            explicit_bzero(content, done);
             free(content);
             content = NULL;
         }
@@ -241,8 +242,18 @@ static char* read_content(int fd, size_t* size)
     return content;
 }
 
+// Makes sure of the space for a content that may be longer than the file, which itself stays as long
+// as it is: where nothing can be written after all, there is then nothing to undo.
+static bool reserve_space(int fd, off_t size)
+{
+    if (fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, size) == 0) {
+        return true;
+    }
+    return errno == EOPNOTSUPP && posix_fallocate(fd, 0, size) == 0; // not every file system can
+}
+
 // Overwrites a file from its beginning, without truncating it first: as long as the new content is
-// not all there, no space is given up. posix_fallocate makes sure of the space for a longer one.
+// not all there, no space is given up.
 static bool write_content(int fd, const char* content, size_t size)
 {
     for (size_t done = 0; done < size;) {
@@ -265,6 +276,7 @@ static xmlChar* text_of_document(xmlDocPtr document, size_t* size)
     xmlDocDumpMemory(document, &text, &text_size);
     *size = static_cast<size_t>(text_size);
     if (text != NULL && error_was_reported()) {
+        explicit_bzero(text, *size);
         xmlFree(text);
         text = NULL;
     }
@@ -279,8 +291,8 @@ static bool overwrite_keeping_old(int fd, const char* content, size_t size)
     if (old_content == NULL) {
         return false;
     }
-    const bool saved = (size == 0 || posix_fallocate(fd, 0, static_cast<off_t>(size)) == 0) &&
-                       write_content(fd, content, size);
+    const bool saved =
+        reserve_space(fd, static_cast<off_t>(size)) && write_content(fd, content, size);
     if (!saved) {
         write_content(fd, old_content, old_size);
     }

@@ -67,6 +67,14 @@ static xmlNodePtr new_text(xmlDocPtr document, const char* text)
     return node_with(node != NULL ? node->content : NULL, node);
 }
 
+static void wipe_text(const xmlNode* text)
+{
+    const bool is_shared = text->doc != NULL && xmlDictOwns(text->doc->dict, text->content) == 1;
+    if (text->content != NULL && !is_shared) {
+        explicit_bzero(text->content, strlen(as_chars(text->content)));
+    }
+}
+
 bool set_text(xmlNodePtr element, const char* text)
 {
     xmlNodePtr node = NULL;
@@ -79,6 +87,7 @@ bool set_text(xmlNodePtr element, const char* text)
     for (xmlNodePtr child = element->children; child != NULL;) {
         xmlNodePtr next = child->next;
         if (is_text(child)) {
+            wipe_text(child);
             xmlUnlinkNode(child);
             xmlFreeNode(child);
         }
@@ -123,7 +132,11 @@ bool append_record(xmlNodePtr root, const RecordTexts& texts)
         return false;
     }
     xmlNodePtr record = new_element(root->doc, XML_NodeName_Key_Content);
-    if (record == NULL || !append_texts(record, texts)) {
+    if (record == NULL) {
+        return false;
+    }
+    if (!append_texts(record, texts)) {
+        wipe_key_texts(record);
         xmlFreeNode(record);
         return false;
     }
@@ -147,6 +160,7 @@ bool replace_texts(xmlNodePtr record, const xmlChar* name, const char* text, boo
 
 void remove_record(xmlNodePtr record)
 {
+    wipe_key_texts(record);
     if (record->parent->type != XML_ELEMENT_NODE) {
         xmlFreeNodeList(record->children);
         record->children = NULL;
@@ -155,4 +169,32 @@ void remove_record(xmlNodePtr record)
     }
     xmlUnlinkNode(record);
     xmlFreeNode(record);
+}
+
+// ---- Wiping
+
+void wipe_key_texts(const xmlNode* record)
+{
+    const xmlNode* first = record != NULL ? record->children : NULL;
+    for (const xmlNode* child = first; child != NULL; child = child->next) {
+        if (!is_named(child, XML_NodeName_KEY)) {
+            continue;
+        }
+        for (const xmlNode* node = first_child_of(child); node != NULL; node = node->next) {
+            if (is_text(node)) {
+                wipe_text(node);
+            }
+        }
+    }
+}
+
+void wipe_all_key_texts(const xmlNode* node)
+{
+    for (; node != NULL; node = node->next) {
+        if (is_key_record(node)) {
+            wipe_key_texts(node);
+        } else {
+            wipe_all_key_texts(first_child_of(node));
+        }
+    }
 }

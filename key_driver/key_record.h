@@ -114,9 +114,18 @@ bool append_record(xmlNodePtr root, const RecordTexts& texts);
 // False without memory, with some of them changed.
 bool replace_texts(xmlNodePtr record, const xmlChar* name, const char* text, bool* seen);
 
-// Unlinks and frees a record. A document cannot be without a root element, so one that is itself
-// the record stays and is emptied.
+// Unlinks, wipes and frees a record. A document cannot be without a root element, so one that is
+// itself the record stays and is emptied.
 void remove_record(xmlNodePtr record);
+
+// ---- Wiping
+
+// Overwrites the key texts of a record, which stays in its tree; null has none. A text in the
+// document's dictionary (libxml2 puts some of three characters and less there) is shared, and stays.
+void wipe_key_texts(const xmlNode* record);
+
+// Those of each record at or below `node` or its later siblings; null has none.
+void wipe_all_key_texts(const xmlNode* node);
 
 #pragma GCC visibility pop
 

@@ -70,6 +70,7 @@ static bool comes_back(xmlDocPtr document)
     explicit_bzero(text, static_cast<size_t>(size));
     xmlFree(text);
     const bool same = copy != NULL && have_the_same_texts(document, copy);
+    wipe_all_key_texts(xmlDocGetRootElement(copy));
     xmlFreeDoc(copy);
     return same;
 }
@@ -78,7 +79,7 @@ static bool declares_namespaces(xmlDocPtr document)
 {
     const xmlNode* root = xmlDocGetRootElement(document);
     const xmlNode* node = root;
-    while (node != NULL && !(node->type == XML_ELEMENT_NODE && node->nsDef != NULL)) {
+    while (node != NULL && (node->type != XML_ELEMENT_NODE || node->nsDef == NULL)) {
         node = node_after(node, root);
     }
     return node != NULL;

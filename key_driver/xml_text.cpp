@@ -18,6 +18,11 @@ static bool is_continuation(xmlChar byte)
     return (byte & 0xC0) == 0x80;
 }
 
+static bool is_xml_character(int code_point)
+{
+    return xmlIsCharQ(code_point);
+}
+
 bool xml_text_can_be_stored(const char* text)
 {
     if (text == NULL) {
@@ -33,7 +38,8 @@ bool xml_text_can_be_stored(const char* text)
         int length = left < 4 ? static_cast<int>(left) : 4;
         const int code_point = xmlGetUTF8Char(position, &length);
         if (is_continuation(*position) ||
-            code_point < SMALLEST_OF_LENGTH[length > 0 ? length : 0] || !xmlIsCharQ(code_point)) {
+            code_point < SMALLEST_OF_LENGTH[length > 0 ? length : 0] ||
+            !is_xml_character(code_point)) {
             return false;
         }
         position += length;

@@ -622,23 +622,11 @@ KeyLibraryErrorCode set_kts_ecdsa_signing_key(const uint8_t* context_buf, uint32
                                WIPE_REPORTED_LENGTH});
 }
 
-KeyLibraryErrorCode set_kts_hmac_signing_key(const uint8_t* context_buf, uint32_t slot_id,
-                                             const uint8_t* ecdh_pub_key, bool force)
+// The slot's HMAC key out of the peer's key in the context. `private_key` is the caller's to wipe.
+static KeyLibraryErrorCode agree_on_kts_key(KeyLibraryContext context, uint32_t slot_id,
+                                            uint8_t* private_key)
 {
-    if (ecdh_pub_key == NULL || context_buf == NULL) {
-        return KeyLibrary_BAD_PARAMETER;
-    }
-    KeyLibraryContext context = read_context(context_buf);
-    if (!force && context->kts_hmac_signing_key != NULL && context->kts_slot == slot_id &&
-        peer_key_is_in_place(context, ecdh_pub_key)) {
-        return KeyLibrary_OK;
-    }
-    if (!keep_peer_key(context, ecdh_pub_key)) {
-        return KeyLibrary_MEMORY;
-    }
-
     char key_name[SLOT_KEY_NAME_SIZE];
-    uint8_t private_key[PRIVATE_KEY_LEN];
     get_kts_ecdh_slot_key_name(slot_id, key_name);
     const KeyLibraryErrorCode fetched = fetch_ecdh_private_key(context, key_name, private_key);
     if (fetched != KeyLibrary_OK) {
@@ -654,4 +642,24 @@ KeyLibraryErrorCode set_kts_hmac_signing_key(const uint8_t* context_buf, uint32_
     }
     context->kts_slot = slot_id;
     return KeyLibrary_OK;
+}
+
+KeyLibraryErrorCode set_kts_hmac_signing_key(const uint8_t* context_buf, uint32_t slot_id,
+                                             const uint8_t* ecdh_pub_key, bool force)
+{
+    if (ecdh_pub_key == NULL || context_buf == NULL) {
+        return KeyLibrary_BAD_PARAMETER;
+    }
+    KeyLibraryContext context = read_context(context_buf);
+    if (!force && context->kts_hmac_signing_key != NULL && context->kts_slot == slot_id &&
+        peer_key_is_in_place(context, ecdh_pub_key)) {
+        return KeyLibrary_OK;
+    }
+    if (!keep_peer_key(context, ecdh_pub_key)) {
+        return KeyLibrary_MEMORY;
+    }
+    uint8_t private_key[PRIVATE_KEY_LEN];
+    const KeyLibraryErrorCode result = agree_on_kts_key(context, slot_id, private_key);
+    explicit_bzero(private_key, sizeof private_key);
+    return result;
 }

@@ -85,6 +85,20 @@ static xmlDocPtr open_document_for_change(const char* file_name)
     return open_document(file_name);
 }
 
+// The records that a change takes up: found, changed or new; null where there are less than two.
+// Whoever takes up a record, to change it or to look at it, wipes its key text before the document
+// is closed: libxml2 frees its memory as it is. The records that a search only passes over are not
+// wiped, which would make every operation 1 % dearer.
+struct TakenUp {
+    const xmlNode* records[2];
+};
+
+static void wipe_taken_up(const TakenUp& taken_up)
+{
+    wipe_key_texts(taken_up.records[0]);
+    wipe_key_texts(taken_up.records[1]);
+}
+
 static void end_change()
 {
     store_lock_give_back();
@@ -146,7 +160,7 @@ static xmlNodePtr getTmpTreeRootNode()
 static inline const xmlNode* find_sibling(const xmlNode* node, const xmlChar* name,
                                           const xmlChar* text)
 {
-    while (node != NULL && !(is_named(node, name) && is_same_text(text_of(node), text))) {
+    while (node != NULL && (!is_named(node, name) || !is_same_text(text_of(node), text))) {
         node = node->next;
     }
     return node;
@@ -177,7 +191,9 @@ static void fetch_ahead(const xmlNode* record)
     const uintptr_t begin = reinterpret_cast<uintptr_t>(record) + 3072;
 #pragma GCC unroll 24
     for (uintptr_t line = begin; line < begin + 1536; line += 64) {
-        __builtin_prefetch(reinterpret_cast<const void*>(line));
+        // A pointer made of a number, for it need not point into any object.
+        __builtin_prefetch(
+            reinterpret_cast<const void*>(line)); // NOLINT(performance-no-int-to-ptr)
     }
 }
 
@@ -408,6 +424,7 @@ uint32_t get_key_handle(const char* uid, const char* key_name, char* metadata_ou
                                      handle_out_buff, handle_out_buff_size)) {
             result = STORE_OK;
         }
+        wipe_key_texts(record);
         close_document_and_clean_up(document);
     }
 
@@ -417,19 +434,23 @@ uint32_t get_key_handle(const char* uid, const char* key_name, char* metadata_ou
     return result;
 }
 
-// The non-empty key text of the record with this UID and key name; null when there is none.
-static const xmlChar* find_key_text(xmlDocPtr document, const char* uid, const char* key_name)
+// Whether a record has a key text that is not empty.
+static bool has_key_text(const xmlNode* record)
+{
+    const xmlChar* key_text = getRawKeyFromNode(record);
+    return key_text != NULL && key_text[0] != '\0';
+}
+
+// The record with this UID and key name that has a key text; null when there is none.
+static const xmlNode* find_record_with_key(xmlDocPtr document, const char* uid,
+                                           const char* key_name)
 {
     const xmlNode* record = find_record(document, uid, key_name);
-    if (record == NULL) {
-        return NULL;
-    }
-    const xmlChar* key_text = getRawKeyFromNode(record);
-    if (key_text == NULL || key_text[0] == '\0') {
+    if (record != NULL && !has_key_text(record)) {
         printf("[get_key] Failed to extract raw key for uid/key-name %s/%s\n", uid, key_name);
         return NULL;
     }
-    return key_text;
+    return record;
 }
 
 // Converts a key text that was found. A buffer that is too small is reported in the words of a key
@@ -456,8 +477,10 @@ uint32_t get_key(const unsigned char* uid, const char* key_name, uint8_t* key,
         xmlDocPtr document = open_document_under_lock(file_name);
         if (document == NULL) {
             printf("[get_key] error: could not parse file %s\n", file_name);
-        } else if (const xmlChar* key_text = find_key_text(document, uid_text, key_name)) {
-            const uint32_t result = hand_out_key(as_chars(key_text), key, key_buf_len_p);
+        } else if (const xmlNode* record = find_record_with_key(document, uid_text, key_name)) {
+            const char* key_text = as_chars(getRawKeyFromNode(record));
+            const uint32_t result = hand_out_key(key_text, key, key_buf_len_p);
+            wipe_key_texts(record);
             // A key that was found ends the operation without the parser's clean-up.
             close_document(document);
             return result;
@@ -542,14 +565,20 @@ static bool replace_key(xmlNodePtr record, const RecordTexts& texts)
             append_child(record, XML_NodeName_metadata, texts.metadata));
 }
 
-static Change add_or_replace_key(xmlNodePtr root, const RecordTexts& texts, bool allow_replace)
+static Change add_or_replace_key(xmlNodePtr root, const RecordTexts& texts, bool allow_replace,
+                                 TakenUp* taken_up)
 {
     xmlNodePtr record =
         find_node_from_input_root(root, as_xml(texts.uid), NULL, as_xml(texts.key_name), NULL);
     if (record == NULL) {
         char handle[HANDLE_SIZE];
-        return append_key(root, texts, handle, sizeof handle) ? CHANGED : REFUSED_BUT_SAVED;
+        if (!append_key(root, texts, handle, sizeof handle)) {
+            return REFUSED_BUT_SAVED;
+        }
+        taken_up->records[0] = root->last;
+        return CHANGED;
     }
+    taken_up->records[0] = record;
     if (!allow_replace) {
         report_existing_key(texts.uid, texts.key_name);
         return REFUSED_BUT_SAVED;
@@ -588,8 +617,10 @@ uint32_t add_nonvolatile_based_key(const char* uid, const char* key_name, const 
         close_document(document);
         return STORE_ERROR;
     }
-    const Change change = add_or_replace_key(root, texts, allow_replace);
+    TakenUp taken_up = {};
+    const Change change = add_or_replace_key(root, texts, allow_replace, &taken_up);
     const uint32_t result = finish_change(change, document, file_name, "add_nonvolatile_based_key");
+    wipe_taken_up(taken_up);
     close_document_and_clean_up(document);
     sleep(5); // part of the required timing
     return result;
@@ -782,7 +813,7 @@ uint32_t delete_crk(const char* uid)
 // ---------------------------------------------------------------------------------------------
 
 static Change copy_record(xmlDocPtr document, const char* uid, const char* key_name,
-                          const char* copy_name)
+                          const char* copy_name, TakenUp* taken_up)
 {
     if (xmlDocGetRootElement(document) == NULL) {
         const Change abandoned = abandon_change();
@@ -790,7 +821,8 @@ static Change copy_record(xmlDocPtr document, const char* uid, const char* key_n
                PRIVATE_KEY_FILE);
         return abandoned;
     }
-    if (find_record(document, uid, copy_name) != NULL) {
+    if (const xmlNode* existing = find_record(document, uid, copy_name)) {
+        taken_up->records[0] = existing;
         const Change abandoned = abandon_change();
         printf("[copy_prv_key] error: Cannot add key for uid 0x%s and key name %s! Key with same "
                "uid and key_name already exists\n",
@@ -803,8 +835,8 @@ static Change copy_record(xmlDocPtr document, const char* uid, const char* key_n
                key_name);
         return REFUSED_BUT_SAVED;
     }
-    const xmlChar* key = getRawKeyFromNode(source);
-    if (key == NULL || key[0] == '\0') {
+    taken_up->records[0] = source;
+    if (!has_key_text(source)) {
         const Change abandoned = abandon_change();
         printf("[copy_prv_key] error: Failed to extract key data from key with uid=%s; key "
                "name=%s\n",
@@ -816,9 +848,14 @@ static Change copy_record(xmlDocPtr document, const char* uid, const char* key_n
         puts("[copy_prv_key] error: could not get new key handle");
         return REFUSED_BUT_SAVED;
     }
-    const RecordTexts copy = {uid, copy_name, handle, as_chars(key), NULL};
-    return add_record(xmlDocGetRootElement(document), copy, "copy_prv_key") ? CHANGED
-                                                                            : abandon_change();
+    const char* key = as_chars(getRawKeyFromNode(source));
+    const RecordTexts copy = {uid, copy_name, handle, key, NULL};
+    xmlNodePtr root = xmlDocGetRootElement(document);
+    if (!add_record(root, copy, "copy_prv_key")) {
+        return abandon_change();
+    }
+    taken_up->records[1] = root->last;
+    return CHANGED;
 }
 
 uint32_t copy_private_key(const char* uid, const char* key_name, const char* copy_name)
@@ -841,8 +878,10 @@ uint32_t copy_private_key(const char* uid, const char* key_name, const char* cop
         close_document(document);
         return STORE_ERROR;
     }
-    const Change change = copy_record(document, uid, key_name, copy_name);
+    TakenUp taken_up = {};
+    const Change change = copy_record(document, uid, key_name, copy_name, &taken_up);
     const uint32_t result = finish_change(change, document, PRIVATE_KEY_FILE, "copy_prv_key");
+    wipe_taken_up(taken_up);
     close_document_and_clean_up(document);
     return result;
 }
@@ -851,7 +890,7 @@ uint32_t copy_private_key(const char* uid, const char* key_name, const char* cop
 static xmlNodePtr find_element(xmlNodePtr record, const xmlChar* name)
 {
     xmlNodePtr child = record->children;
-    while (child != NULL && !(child->type == XML_ELEMENT_NODE && is_named(child, name))) {
+    while (child != NULL && (child->type != XML_ELEMENT_NODE || !is_named(child, name))) {
         child = child->next;
     }
     return child;
@@ -859,7 +898,8 @@ static xmlNodePtr find_element(xmlNodePtr record, const xmlChar* name)
 
 // Overwrites the key text of the UID's "srk" by that of the record with the handle, which must be
 // in the same document.
-static Change overwrite_srk(xmlDocPtr document, const char* uid, const char* handle)
+static Change overwrite_srk(xmlDocPtr document, const char* uid, const char* handle,
+                            TakenUp* taken_up)
 {
     xmlNodePtr srk = find_record(document, uid, SRK_NAME);
     if (srk == NULL) {
@@ -869,6 +909,7 @@ static Change overwrite_srk(xmlDocPtr document, const char* uid, const char* han
                uid);
         return abandoned;
     }
+    taken_up->records[0] = srk;
     xmlNodePtr source =
         find_node_from_input_root(xmlDocGetRootElement(document), NULL, as_xml(handle), NULL, NULL);
     if (source == NULL) {
@@ -878,6 +919,7 @@ static Change overwrite_srk(xmlDocPtr document, const char* uid, const char* han
                handle);
         return abandoned;
     }
+    taken_up->records[1] = source;
     xmlNodePtr srk_key = find_element(srk, XML_NodeName_KEY);
     if (srk_key == NULL) {
         const Change abandoned = abandon_change();
@@ -911,9 +953,11 @@ uint32_t set_new_srk_key_data_for_uid(const char* uid, const char* handle)
         close_document(document);
         return STORE_ERROR;
     }
-    const Change change = overwrite_srk(document, uid, handle);
+    TakenUp taken_up = {};
+    const Change change = overwrite_srk(document, uid, handle, &taken_up);
     const uint32_t result = finish_change(change, document, PRIVATE_KEY_FILE,
                                           "key_driver.set_new_srk_key_data_for_uid");
+    wipe_taken_up(taken_up);
     if (change.save) {
         close_document_and_clean_up(document);
     } else {
@@ -926,10 +970,10 @@ uint32_t set_new_srk_key_data_for_uid(const char* uid, const char* handle)
 // Exporting keys
 // ---------------------------------------------------------------------------------------------
 
-// The key text that is to be handed out; reported under the public function's name if there is
-// none.
-static const xmlChar* find_key_to_export(xmlDocPtr document, const char* calling_function,
-                                         const char* uid, const char* key_name)
+// The record whose key text is to be handed out; reported under the public function's name if there
+// is none.
+static const xmlNode* find_record_to_export(xmlDocPtr document, const char* calling_function,
+                                            const char* uid, const char* key_name)
 {
     // Two messages print the null result of the step that failed, as the C library prints a null
     // string, and not the name of the file.
@@ -953,13 +997,12 @@ static const xmlChar* find_key_to_export(xmlDocPtr document, const char* calling
                key_name);
         return NULL;
     }
-    const xmlChar* key = getRawKeyFromNode(record);
-    if (key == NULL || key[0] == '\0') {
+    if (!has_key_text(record)) {
         printf("[%s] error: Failed to extract key data from key with uid=%s; key name=%s\n",
                calling_function, uid, key_name);
         return NULL;
     }
-    return key;
+    return record;
 }
 
 static bool copy_key_text(const char* key, char* hex_key, uint32_t* key_len)
@@ -983,12 +1026,14 @@ static uint32_t _get_key_as_hex(const char* calling_function, const char* key_st
     }
 
     xmlDocPtr document = open_document_under_lock(key_store_filename);
-    const xmlChar* key = find_key_to_export(document, calling_function, uid, key_name);
-    if (key == NULL) {
+    const xmlNode* record = find_record_to_export(document, calling_function, uid, key_name);
+    if (record == NULL) {
         close_document(document);
         return STORE_ERROR;
     }
-    if (!copy_key_text(as_chars(key), hex_key, key_len)) {
+    const bool copied = copy_key_text(as_chars(getRawKeyFromNode(record)), hex_key, key_len);
+    wipe_key_texts(record);
+    if (!copied) {
         printf("[%s] error: output buffer not large enough to hold key! uid=%s; key name=%s\n",
                calling_function, uid, key_name);
         close_document(document);
@@ -1025,9 +1070,10 @@ bool _prv_keyfile_contains_key(const char* uid, const char* key_name)
         printf("[key_driver._prv_keyfile_contains_key(uid, key)] error: could not parse file %s\n",
                PRIVATE_KEY_FILE);
     }
-    const bool found = find_record(document, uid, key_name) != NULL;
+    const xmlNode* record = find_record(document, uid, key_name);
+    wipe_key_texts(record);
     close_document(document);
-    return found;
+    return record != NULL;
 }
 
 // The three tests below share the tag "contains_csk" in their messages, which end without a line

@@ -1,5 +1,5 @@
 # What the openssl command says about tags, secrets and signatures; sourced, never run.
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154 # $work is set by the script that sources this
 #
 # Keys and signatures come as the library has them, in hexadecimal: private keys 32 bytes, public keys
 # 64 (X, Y) or 33 (compressed), signatures 64 (r, s). Files go to the directory $work.

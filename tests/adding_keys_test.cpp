@@ -170,7 +170,7 @@ TEST_F(AddVolatileKey, AddsTheSameKeyAsOftenAsItIsCalled)
 
 TEST_F(AddVolatileKey, AcceptsAKeyTextOfAnyLengthAndStoresItAsGiven)
 {
-    for (const size_t length : {0, 1, 2, 31, 32, 63, 64, 65, 128, 129, 1000}) {
+    for (const size_t length : {0U, 1U, 2U, 31U, 32U, 63U, 64U, 65U, 128U, 129U, 1000U}) {
         empty_volatile_tree();
         const std::string key(length, 'C');
         EXPECT_EQ(add(key), (Outcome{0, "", NOTHING, NO_PAUSE})) << length;
@@ -233,7 +233,7 @@ TEST_F(AddVolatileKey, GoesWithoutTheFilesWhenTheyCannotBeRead)
 
 TEST_F(AddVolatileKey, FailsWhenTheHandleDoesNotFit)
 {
-    for (const size_t size : {0, 1}) {
+    for (const size_t size : {0U, 1U}) {
         handle_ = HandleBuffer(size);
         EXPECT_EQ(add(KEY), (Outcome{1,
                                      HANDLE_DOES_NOT_FIT +
@@ -381,7 +381,7 @@ TEST_F(AddVolatileBasedKey, LooksForNullArgumentsBeforeItLooksAtLengths)
 
 TEST_F(AddVolatileBasedKey, RefusesAUidThatIsNot32CharactersLong)
 {
-    for (const size_t length : {0, 1, 31, 33, 64}) {
+    for (const size_t length : {0U, 1U, 31U, 33U, 64U}) {
         EXPECT_EQ(add(std::string(length, 'u').c_str(), "n", KEY.c_str(), nullptr),
                   (Outcome{1, WRONG_SIZE, NOTHING, NO_PAUSE}))
             << length;
@@ -393,7 +393,7 @@ TEST_F(AddVolatileBasedKey, RefusesAUidThatIsNot32CharactersLong)
 
 TEST_F(AddVolatileBasedKey, RefusesAKeyThatIsNot64CharactersLong)
 {
-    for (const size_t length : {0, 1, 32, 63, 65, 128}) {
+    for (const size_t length : {0U, 1U, 32U, 63U, 65U, 128U}) {
         EXPECT_EQ(add("n", std::string(length, 'k')), (Outcome{1, WRONG_SIZE, NOTHING, NO_PAUSE}))
             << length;
     }
@@ -486,7 +486,7 @@ TEST_F(AddVolatileBasedKey, TakesNoLock)
 
 TEST_F(AddVolatileBasedKey, FailsWhenTheHandleDoesNotFit)
 {
-    for (const size_t size : {0, 1}) {
+    for (const size_t size : {0U, 1U}) {
         handle_ = HandleBuffer(size);
         EXPECT_EQ(add("n", KEY), (Outcome{1, HANDLE_DOES_NOT_FIT + NO_HANDLE, NOTHING, NO_PAUSE}))
             << size;
@@ -604,7 +604,7 @@ TEST_P(AddNonvolatileBasedKey, LooksForNullArgumentsBeforeItLooksAtLengths)
 
 TEST_P(AddNonvolatileBasedKey, RefusesAUidThatIsNot32CharactersLongBeforeItTouchesAFile)
 {
-    for (const size_t length : {0, 1, 31, 33, 64}) {
+    for (const size_t length : {0U, 1U, 31U, 33U, 64U}) {
         EXPECT_EQ(add(std::string(length, 'u').c_str(), "n", KEY.c_str()), refused(WRONG_SIZE))
             << length;
         EXPECT_EQ(store_events, Events()) << length;
@@ -613,7 +613,7 @@ TEST_P(AddNonvolatileBasedKey, RefusesAUidThatIsNot32CharactersLongBeforeItTouch
 
 TEST_P(AddNonvolatileBasedKey, RefusesAKeyThatIsNot64CharactersLongBeforeItTouchesAFile)
 {
-    for (const size_t length : {0, 1, 32, 63, 65, 128}) {
+    for (const size_t length : {0U, 1U, 32U, 63U, 65U, 128U}) {
         EXPECT_EQ(add(UID.c_str(), "n", std::string(length, 'k').c_str()), refused(WRONG_SIZE))
             << length;
         EXPECT_EQ(store_events, Events()) << length;

@@ -108,6 +108,18 @@ const char* const VERIFY_ASSERTION =
 
 const uint8_t ANY_BYTES[32] = {};
 
+TEST(VerifySha256Hmac, ComparesTheWholeTag)
+{
+    uint8_t tag[32];
+    bool verified = false;
+    ASSERT_EQ(_sha256_hmac(ANY_BYTES, 32, ANY_BYTES, 1, tag), KeyLibrary_OK);
+    EXPECT_EQ(_verify_sha256_hmac(ANY_BYTES, ANY_BYTES, 1, tag, &verified), KeyLibrary_OK);
+    EXPECT_TRUE(verified);
+    tag[31] ^= 1;
+    EXPECT_EQ(_verify_sha256_hmac(ANY_BYTES, ANY_BYTES, 1, tag, &verified), KeyLibrary_OK);
+    EXPECT_FALSE(verified);
+}
+
 TEST(VerifySha256HmacDeathTest, AssertsThatTheKeyIsNotNull)
 {
     bool verified = false;

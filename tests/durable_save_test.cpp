@@ -12,6 +12,8 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
+#include <libxml/parser.h>
+#include <libxml/xmlIO.h>
 #include <string.h>
 
 #include <algorithm>
@@ -219,7 +221,7 @@ void DurableSave::fail_one_call(const WritingOperation& operation, const Undistu
     EXPECT_EQ(content_of(operation.file, undisturbed),
               only_the_directory_was_not_flushed ? "new" : "old");
     const bool comes_short = interference.meddling == Meddling::HALF;
-    EXPECT_TRUE(!comes_short || call.name == "posix_fallocate") << "writing was not gone on with";
+    EXPECT_TRUE(!comes_short || call.name == "fallocate") << "writing was not gone on with";
 }
 
 void DurableSave::fail_each_call(const WritingOperation& operation, Meddling how, int error,
@@ -354,6 +356,67 @@ TEST_F(DurableSave, NoticesAWriteThatFailsInTheMiddleOfALargeFile)
     }
     EXPECT_GE(points_, 10u);
     EXPECT_EQ(failed_saves_, points_);
+}
+
+// Not even with zeros at its end.
+TEST_F(DurableSave, InPlaceLeavesAFileAsItIsThatCannotBeWritten)
+{
+    const WritingOperation operation = writing_operations().front();
+    refuse_system_calls("rename", EBUSY); // as over a mount point
+    refuse_system_calls("pwrite", EIO);
+    EXPECT_EQ(printed_by([&] { system_calls_of(operation.run, Scope::SAVES); }),
+              operation.complaint());
+    EXPECT_EQ(read_file(operation.file), store_.content(operation.file));
+}
+
+TEST_F(DurableSave, InPlaceSucceedsWhereTheFileSystemReservesNoSpace)
+{
+    const WritingOperation operation = writing_operations().front();
+    const Undisturbed undisturbed = run_undisturbed(operation, Scope::SAVES);
+    refuse_system_calls("rename", EBUSY);
+    refuse_system_calls("fallocate", EOPNOTSUPP);
+    for (const int error : {0, ENOSPC}) {
+        store_.put_in_place();
+        if (error != 0) {
+            refuse_system_calls("posix_fallocate", error);
+        }
+        printed_by([&] { system_calls_of(operation.run, Scope::SAVES); });
+        EXPECT_EQ(content_of(operation.file, undisturbed), error == 0 ? "new" : "old");
+    }
+}
+
+// As at the end of a file that has become shorter meanwhile.
+TEST_F(DurableSave, InPlaceGivesUpWhereNothingIsReadOrWrittenAnyMore)
+{
+    refuse_system_calls("rename", EBUSY); // as over a mount point
+    const WritingOperation operation = writing_operations().front();
+    const Undisturbed undisturbed = run_undisturbed(operation, Scope::SAVES);
+    for (const char* name : {"pread", "pwrite"}) {
+        SCOPED_TRACE(name);
+        const size_t point = place_of(undisturbed.calls, name, operation.file);
+        fail_one_call(operation, undisturbed, {point, Meddling::NOTHING, 0}, Way::IN_PLACE);
+    }
+    EXPECT_EQ(failed_saves_, 2u);
+}
+
+// A warning of libxml2's is none that a save has to fail for. Here it comes from somebody else's way
+// to write files, which libxml2 asks first.
+TEST_F(DurableSave, SucceedsInSpiteOfAWarning)
+{
+    static bool was_asked = false;
+    xmlInitParser(); // which has ways of its own, to be asked later
+    xmlRegisterOutputCallbacks(
+        [](const char*) {
+            was_asked = true;
+            xmlFreeDoc(parsed("<keys xmlns='relative'/>").release());
+            EXPECT_NE(xmlGetLastError(), nullptr);
+            return 0; // not for us
+        },
+        nullptr, nullptr, nullptr);
+    const WritingOperation operation = writing_operations().front();
+    EXPECT_EQ(operation.run(), operation.result);
+    EXPECT_TRUE(was_asked);
+    EXPECT_NE(read_file(operation.file), store_.content(operation.file));
 }
 
 struct Failure {

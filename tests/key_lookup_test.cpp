@@ -474,7 +474,7 @@ TEST_F(GetKey, Converts127CharactersTo64Bytes)
 TEST_F(GetKey, HandsOutOtherLengthsUnconverted)
 {
     const std::string digits = std::string(KEY_64) + OTHER_KEY_64 + KEY_64;
-    for (const size_t length : {1, 2, 6, 61, 62, 65, 66, 125, 126, 129, 192}) {
+    for (const size_t length : {1U, 2U, 6U, 61U, 62U, 65U, 66U, 125U, 126U, 129U, 192U}) {
         const size_t n = (length + 1) / 2;
         write_store_file(PRIVATE_FILE, record("U", "n", "1", digits.substr(0, length)));
         const Answer answer = look_up(static_cast<uint32_t>(n));

@@ -461,6 +461,19 @@ INSTANTIATE_TEST_SUITE_P(
                     NoText{"ElementOfItsOwnName", "<uid>U</uid>"}),
     [](const auto& row) { return std::string(row.param.what); });
 
+// As libxml2 can leave one that it found no memory for.
+TEST(FindNodeFromInputRoot, TakesATextNodeWithoutContentForTheEmptyText)
+{
+    const Document tree = parsed(one("<uid>U</uid><key_name>n</key_name>"));
+    xmlNode* text = root_of(tree)->children->children->children;
+    ASSERT_EQ(id_of(by_name(root_of(tree), "U", "n")), "it");
+    xmlChar* content = text->content;
+    text->content = nullptr;
+    EXPECT_EQ(id_of(by_name(root_of(tree), "U", "n")), "none");
+    EXPECT_EQ(id_of(by_name(root_of(tree), "", "n")), "it");
+    text->content = content;
+}
+
 TEST(FindNodeFromInputRoot, TakesTheFirstPieceOfAnInterruptedText)
 {
     const std::string document =

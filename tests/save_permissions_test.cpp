@@ -151,6 +151,13 @@ TEST_F(SavePermissionsAsRoot, KeepOwnerAndGroup)
     EXPECT_EQ(status.st_mode & 07777, 0640u);
 }
 
+TEST_F(SavePermissionsAsRoot, KeepTheGroupOfAFileOfOnesOwn)
+{
+    ASSERT_EQ(chown(PRIVATE_FILE, geteuid(), GROUP), 0);
+    save_by_renaming();
+    EXPECT_EQ(status_of(PRIVATE_FILE).st_gid, GROUP);
+}
+
 TEST_F(SavePermissionsAsRoot, KeepTheOwnerWithoutHisReadPermission)
 {
     ASSERT_EQ(chown(PRIVATE_FILE, OWNER, GROUP), 0);
@@ -355,6 +362,18 @@ TEST_F(SavePermissionsAsRoot, OverwriteInPlaceWhereTheOwnerCannotBeKept)
     expect_saved_in_place(run_as(STRANGER, GROUP, [] { return add("added"); }), before.st_ino);
     EXPECT_EQ(status_of(PRIVATE_FILE).st_uid, OWNER);
     EXPECT_EQ(status_of(PRIVATE_FILE).st_mode, before.st_mode);
+}
+
+TEST_F(SavePermissionsAsRoot, OverwriteInPlaceWhereTheGroupCannotBeKept)
+{
+    ASSERT_EQ(chown(PRIVATE_FILE, geteuid(), GROUP), 0);
+    const ino_t inode = status_of(PRIVATE_FILE).st_ino;
+    refuse_system_calls("fchown", EPERM);
+    system_calls_of([&] { EXPECT_EQ(add("added"), 0u); }, Scope::SAVES);
+    EXPECT_TRUE(holds(PRIVATE_FILE, "added"));
+    EXPECT_EQ(status_of(PRIVATE_FILE).st_ino, inode);
+    EXPECT_EQ(status_of(PRIVATE_FILE).st_gid, GROUP);
+    EXPECT_FALSE(std::filesystem::exists(SIBLING));
 }
 
 // In a user namespace without a number for him, as a container has it for the users of its host.

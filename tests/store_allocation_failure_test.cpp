@@ -409,6 +409,24 @@ TEST_P(MemoryShortage, GivesEverythingBack)
     });
 }
 
+// Two texts that the store's operations always give together.
+TEST(MemoryShortageOfARecord, LeavesItWholeOrLeavesItOut)
+{
+    empty_volatile_tree();
+    xmlNodePtr root = getTmpTreeRootNode();
+    bool appended = false;
+    for (unsigned int k = 1; !appended; ++k) {
+        const Allocations made = failing_allocation(k, [&] {
+            appended = append_record(root, {nullptr, "name", "7", "key", ""});
+        });
+        EXPECT_EQ(appended, !made.any_failed);
+        EXPECT_EQ(root->children != nullptr, appended);
+    }
+    const Children whole = {{"key_name", "name"}, {"handle", "7"}, {"key", "key"}};
+    EXPECT_EQ(volatile_records(), std::vector<Children>{whole});
+    empty_volatile_tree();
+}
+
 // ---- Files with entities ----
 
 // libxml2 does not say so when it loses an entity for want of memory: it takes the file for a

@@ -1,8 +1,6 @@
 """What zentrava-keystore writes, the library loads: for each key name, the operation that uses
 it."""
 
-import hashlib
-import hmac
 import os
 import re
 import subprocess
@@ -10,6 +8,7 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).parent / "support"))
+import oracles
 from build_under_test import build, run_test
 from key_store_tool import (HMAC_KEY, OTHER_UID, PRIVATE_KEY, PUBLIC_KEY, UID,
                             ToolTestCase)
@@ -152,12 +151,8 @@ class ToolLibrary(ToolTestCase):
         return self.openssl("pkey", "-pubin", "-in", pem, "-outform", "DER").stdout[-64:].hex()
 
     def openssl_accepts(self, public_key_file, signature):
-        def integer(digits):
-            number = int(digits, 16)
-            content = number.to_bytes(number.bit_length() // 8 + 1, "big")
-            return bytes([2, len(content)]) + content
-        content = integer(signature[:64]) + integer(signature[64:])
-        (self.directory / "signature").write_bytes(bytes([0x30, len(content)]) + content)
+        content = oracles.signature_file(bytes.fromhex(signature))
+        (self.directory / "signature").write_bytes(content)
         return self.openssl("dgst", "-sha256", "-verify", public_key_file, "-signature",
                             "signature", data=MESSAGE.encode(), check=False).returncode == 0
 
@@ -170,12 +165,11 @@ class ToolLibrary(ToolTestCase):
 
 def tag(key, message):
     text = message.encode() if isinstance(message, str) else message
-    return hmac.new(bytes.fromhex(key), text, hashlib.sha256).hexdigest()
+    return oracles.tag(bytes.fromhex(key), text).hex()
 
 
 def private_key_file(key):
-    """An ECPrivateKey of RFC 5915."""
-    return bytes.fromhex(f"30310201010420{key}a00a06082a8648ce3d030107")
+    return oracles.private_key_file(bytes.fromhex(key))
 
 
 def public_key_of(key):

@@ -161,7 +161,7 @@ static std::string kept_name(const Restoration& file)
 static std::string target_of(const char* name)
 {
     char* target = realpath(name, NULL);
-    const std::string result = target != NULL ? target : name;
+    std::string result = target != NULL ? target : name;
     free(target);
     return result;
 }

@@ -14,8 +14,10 @@
 #include <mbedtls/pem.h>
 #include <mbedtls/pkcs12.h>
 #include <mbedtls/pkcs5.h>
+#include <mbedtls/version.h>
 
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string_view>
@@ -106,8 +108,13 @@ bool p256_point_is_on_curve(const uint8_t x[32], const uint8_t y[32])
     return on_curve;
 }
 
-// Multiplies the base point; false without memory. No random source is given: mbed TLS then makes
-// its blinding values from the scalar itself.
+// For the blinding of a multiplication, which mbed TLS 3.x does not do without.
+static int random_bytes(void*, unsigned char* bytes, size_t size)
+{
+    return getentropy(bytes, size) == 0 ? 0 : MBEDTLS_ERR_ENTROPY_SOURCE_FAILED;
+}
+
+// Multiplies the base point; false without memory or without random numbers.
 static bool compute_public_key(P256Key* key)
 {
     Curve curve;
@@ -116,7 +123,7 @@ static bool compute_public_key(P256Key* key)
     const bool computed =
         open_curve(&curve) &&
         mbedtls_mpi_read_binary(&curve.number, key->scalar, NUMBER_SIZE) == 0 &&
-        mbedtls_ecp_mul(&curve.group, &curve.point, &curve.number, &curve.group.G, nullptr,
+        mbedtls_ecp_mul(&curve.group, &curve.point, &curve.number, &curve.group.G, random_bytes,
                         nullptr) == 0 &&
         mbedtls_ecp_point_write_binary(&curve.group, &curve.point, MBEDTLS_ECP_PF_UNCOMPRESSED,
                                        &size, point, sizeof point) == 0;
@@ -299,8 +306,7 @@ static std::optional<Failure> check_algorithm(const Place& place, Der algorithm)
 // Whether a point's bytes, compressed or not, are those of the key.
 static bool is_point_of(const P256Key& key, const Der& point)
 {
-    if (size_of(point) == 0 || size_of(point) < 1 + NUMBER_SIZE ||
-        memcmp(point.at + 1, key.x, NUMBER_SIZE) != 0) {
+    if (size_of(point) < 1 + NUMBER_SIZE || memcmp(point.at + 1, key.x, NUMBER_SIZE) != 0) {
         return false;
     }
     const uint8_t compressed_form = static_cast<uint8_t>(2 + (key.y[NUMBER_SIZE - 1] & 1));
@@ -425,22 +431,46 @@ static Failure unknown_encryption(const Place& place)
                        " -out converted.pem");
 }
 
+// mbed TLS 3.5 deprecates the functions that are not told the size of the output.
+#if MBEDTLS_VERSION_NUMBER < 0x03050000
+static int mbedtls_pkcs5_pbes2_ext(mbedtls_asn1_buf* parameters, int mode,
+                                   const unsigned char* password, size_t password_size,
+                                   const unsigned char* data, size_t size, unsigned char* output,
+                                   size_t, size_t*)
+{
+    return mbedtls_pkcs5_pbes2(parameters, mode, password, password_size, data, size, output);
+}
+
+static int mbedtls_pkcs12_pbe_ext(mbedtls_asn1_buf* parameters, int mode,
+                                  mbedtls_cipher_type_t cipher, mbedtls_md_type_t digest,
+                                  const unsigned char* password, size_t password_size,
+                                  const unsigned char* data, size_t size, unsigned char* output,
+                                  size_t, size_t*)
+{
+    return mbedtls_pkcs12_pbe(parameters, mode, cipher, digest, password, password_size, data, size,
+                              output);
+}
+#endif
+
 // mbed TLS 2.28 knows DES and triple DES here. The openssl command's default, AES, is not read.
 static int decrypt_pkcs8(const Der& oid, mbedtls_asn1_buf* parameters, const Der& encrypted,
-                         const char* passphrase, uint8_t* plain)
+                         const char* passphrase, Bytes* plain)
 {
     const auto* password = reinterpret_cast<const unsigned char*>(passphrase);
     const size_t password_size = strlen(passphrase);
     mbedtls_asn1_buf oid_buffer = as_asn1(MBEDTLS_ASN1_OID, oid);
     mbedtls_md_type_t digest = MBEDTLS_MD_NONE;
     mbedtls_cipher_type_t cipher = MBEDTLS_CIPHER_NONE;
+    size_t written = 0;
     if (is_oid(oid, MBEDTLS_OID_PKCS5_PBES2, MBEDTLS_OID_SIZE(MBEDTLS_OID_PKCS5_PBES2))) {
-        return mbedtls_pkcs5_pbes2(parameters, MBEDTLS_PKCS5_DECRYPT, password, password_size,
-                                   encrypted.at, size_of(encrypted), plain);
+        return mbedtls_pkcs5_pbes2_ext(parameters, MBEDTLS_PKCS5_DECRYPT, password, password_size,
+                                       encrypted.at, size_of(encrypted), plain->data(),
+                                       plain->size(), &written);
     }
     if (mbedtls_oid_get_pkcs12_pbe_alg(&oid_buffer, &digest, &cipher) == 0) {
-        return mbedtls_pkcs12_pbe(parameters, MBEDTLS_PKCS12_PBE_DECRYPT, cipher, digest, password,
-                                  password_size, encrypted.at, size_of(encrypted), plain);
+        return mbedtls_pkcs12_pbe_ext(parameters, MBEDTLS_PKCS12_PBE_DECRYPT, cipher, digest,
+                                      password, password_size, encrypted.at, size_of(encrypted),
+                                      plain->data(), plain->size(), &written);
     }
     return MBEDTLS_ERR_PKCS5_FEATURE_UNAVAILABLE;
 }
@@ -472,7 +502,7 @@ static std::optional<Failure> read_encrypted_pkcs8(const Place& place, Der algor
     }
     Bytes plain(size_of(encrypted));
     mbedtls_asn1_buf buffer = as_asn1(SEQUENCE, parameters);
-    const int result = decrypt_pkcs8(oid, &buffer, encrypted, passphrase, plain.data());
+    const int result = decrypt_pkcs8(oid, &buffer, encrypted, passphrase, &plain);
     if (result == MBEDTLS_ERR_PKCS5_PASSWORD_MISMATCH ||
         result == MBEDTLS_ERR_PKCS12_PASSWORD_MISMATCH) {
         return wrong_passphrase(place);
@@ -544,7 +574,7 @@ static bool is_key_block(const PemBlock& block)
 // of "openssl ecparam -genkey" has the curve's parameters in front of the key.
 static std::optional<PemBlock> find_key_block(std::string_view text)
 {
-    const std::optional<PemBlock> first = next_block(text, 0);
+    std::optional<PemBlock> first = next_block(text, 0);
     for (auto block = first; block; block = next_block(text, block->offset + 1)) {
         if (is_key_block(*block)) {
             return block;
@@ -580,6 +610,18 @@ static bool is_encrypted_pem(std::string_view block, const std::string& begin)
     return header != block.npos && block.substr(header).rfind("Proc-Type: 4,ENCRYPTED", 0) == 0;
 }
 
+// What a PEM block decodes to. mbed TLS 3.x keeps the members to itself, 2.28 has no function for them.
+static Der content_of(mbedtls_pem_context* pem)
+{
+#if MBEDTLS_VERSION_MAJOR >= 3
+    size_t size = 0;
+    auto* bytes = const_cast<unsigned char*>(mbedtls_pem_get_buffer(pem, &size));
+    return {bytes, bytes + size};
+#else
+    return {pem->buf, pem->buf + pem->buflen};
+#endif
+}
+
 // `text` is followed by a NUL.
 static std::optional<Failure> read_pem(const std::string& file_name, std::string_view text,
                                        const PemBlock& block, const char* passphrase, P256Key* key)
@@ -598,7 +640,7 @@ static std::optional<Failure> read_pem(const std::string& file_name, std::string
                                 reinterpret_cast<const unsigned char*>(text.data() + block.offset),
                                 reinterpret_cast<const unsigned char*>(passphrase),
                                 passphrase != nullptr ? strlen(passphrase) : 0, &used);
-    const Der der = {pem.buf, pem.buf + pem.buflen};
+    const Der der = content_of(&pem);
     std::optional<Failure> failure;
     if (result != 0) {
         failure = pem_failure(place, result);

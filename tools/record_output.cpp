@@ -22,6 +22,7 @@ void print_json(const nlohmann::ordered_json& value)
 void print_records(const std::vector<Record>& records)
 {
     std::vector<Row> rows;
+    rows.reserve(records.size());
     for (const Record& record : records) {
         rows.push_back({{kind_name(record.file), printable(record.handle), printable(record.uid),
                          printable(record.key_name), std::to_string(key_length_of(record))},

@@ -12,7 +12,7 @@ from pathlib import Path
 build = argparse.Namespace()
 
 
-def run_test(test_case):
+def run_test(test_case, loads_library=False):
     """Runs one test method, the last argument: the others say what build it is about."""
     parser = argparse.ArgumentParser()
     for name in ("source", "build", "library", "tool", "key-user", "memory-scan", "cmake",
@@ -24,8 +24,21 @@ def run_test(test_case):
         parser.add_argument("--" + name, type=lambda text: text.split(";") if text else [])
     parser.add_argument("sentence")
     parser.parse_args(namespace=build)
+    build.is_sanitized = any(flag.startswith("-fsanitize=") for flag in build.c_flags)
+    if loads_library and build.is_sanitized and "LD_PRELOAD" not in os.environ:
+        start_again_with_sanitizer()
     suite = unittest.TestSuite([test_case("test_" + build.sentence)])
     sys.exit(not unittest.TextTestRunner(verbosity=2).run(suite).wasSuccessful())
+
+
+def start_again_with_sanitizer():
+    """A process that loads a library built with AddressSanitizer has to begin with its runtime."""
+    runtime = subprocess.run([build.cc, "-print-file-name=libasan.so"], check=True, text=True,
+                             stdout=subprocess.PIPE).stdout.strip()
+    os.execve(sys.executable, [sys.executable, "-B", *sys.argv],
+              # Python keeps memory of its own to the end, and cuts buffers from blocks of its own.
+              {**os.environ, "LD_PRELOAD": runtime, "ASAN_OPTIONS": "detect_leaks=0",
+               "PYTHONMALLOC": "malloc"})
 
 
 class BuildTestCase(unittest.TestCase):

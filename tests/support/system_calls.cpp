@@ -48,7 +48,12 @@ Watch& the_watch()
 bool is_watching()
 {
     return watch != nullptr && watch->started && !watch->paused &&
-           (watch->scope == Scope::EVERYTHING || in_save);
+           (watch->scope != Scope::SAVES || in_save);
+}
+
+bool is_watching_reading()
+{
+    return is_watching() && watch->scope == Scope::EVERYTHING_AND_READING;
 }
 
 template <typename Function> Function* next(const char* name)
@@ -82,6 +87,10 @@ Interference interference_with(const SystemCall& call)
     if (refused || w.name_to_fail == call.name) {
         w.name_to_fail.clear();
         return {0, Meddling::FAIL, refused ? w.refused[call.name] : w.interference.error};
+    }
+    if (w.interference.meddling == Meddling::FAIL_FROM_THERE_ON && w.interference.at != 0 &&
+        w.calls.size() >= w.interference.at) {
+        return {0, Meddling::FAIL, w.interference.error};
     }
     if (w.calls.size() != w.interference.at) {
         return NO_INTERFERENCE;
@@ -132,6 +141,8 @@ auto call(const char* name, File file, Make make, MakeHalf make_half, Report rep
             make(); // a descriptor is gone even if closing it reports an error
         }
         result = report(interference.error);
+    } else if (interference.meddling == Meddling::NOTHING) {
+        result = {};
     } else if (interference.meddling == Meddling::HALF ||
                interference.meddling == Meddling::HALF_THEN_FAIL) {
         result = make_half();
@@ -165,6 +176,26 @@ ssize_t call_write(int fd, const void* bytes, size_t count)
         minus_one);
 }
 
+template <typename ReadSome> ssize_t call_read(int fd, size_t count, ReadSome read_some)
+{
+    if (!is_watching_reading()) {
+        return read_some(count);
+    }
+    return call(
+        "read", fd, [&] { return read_some(count); }, [&] { return read_some((count + 1) / 2); },
+        minus_one);
+}
+
+template <typename Make> int call_stat(const char* path, Make make)
+{
+    return is_watching_reading() ? call("stat", path, make) : make();
+}
+
+template <typename Make> auto call_lseek(int fd, Make make)
+{
+    return is_watching_reading() ? call("lseek", fd, make, make, minus_one) : make();
+}
+
 template <typename Make> ssize_t call_pread(int fd, Make make)
 {
     return call("pread", fd, make, make, minus_one);
@@ -177,8 +208,19 @@ template <typename WriteSome> ssize_t call_pwrite(int fd, size_t count, WriteSom
         [&] { return write_some((count + 1) / 2); }, minus_one);
 }
 
-// Half of its work: the file grows by half of what was asked for, which stays with it.
+// Half of its work: half of the space that was asked for stays with the file.
 template <typename Allocate> int call_fallocate(int fd, off64_t size, Allocate allocate)
+{
+    const auto allocate_half = [&] {
+        allocate(size / 2);
+        return minus_one(ENOSPC);
+    };
+    return call(
+        "fallocate", fd, [&] { return allocate(size); }, allocate_half, minus_one);
+}
+
+// For file systems that do not do it otherwise: the file grows by half of what was asked for.
+template <typename Allocate> int call_posix_fallocate(int fd, off64_t size, Allocate allocate)
 {
     const auto allocate_half = [&] {
         struct stat64 status = {};
@@ -322,6 +364,38 @@ ssize_t write(int fd, const void* bytes, size_t count)
     return call_write(fd, bytes, count);
 }
 
+ssize_t read(int fd, void* bytes, size_t count)
+{
+    return call_read(fd, count, [&](size_t some) { return NEXT(read)(fd, bytes, some); });
+}
+
+ssize_t __read_chk(int fd, void* bytes, size_t count, size_t capacity);
+ssize_t __read_chk(int fd, void* bytes, size_t count, size_t capacity)
+{
+    return call_read(fd, count,
+                     [&](size_t some) { return NEXT(__read_chk)(fd, bytes, some, capacity); });
+}
+
+off_t lseek(int fd, off_t offset, int whence) noexcept
+{
+    return call_lseek(fd, [&] { return NEXT(lseek)(fd, offset, whence); });
+}
+
+off64_t lseek64(int fd, off64_t offset, int whence) noexcept
+{
+    return call_lseek(fd, [&] { return NEXT(lseek64)(fd, offset, whence); });
+}
+
+int stat(const char* path, struct stat* status) noexcept
+{
+    return call_stat(path, [&] { return NEXT(stat)(path, status); });
+}
+
+int stat64(const char* path, struct stat64* status) noexcept
+{
+    return call_stat(path, [&] { return NEXT(stat64)(path, status); });
+}
+
 int fsync(int fd)
 {
     return call("fsync", fd, [&] { return NEXT(fsync)(fd); });
@@ -362,17 +436,30 @@ ssize_t pwrite64(int fd, const void* bytes, size_t count, off64_t offset)
                        [&](size_t some) { return NEXT(pwrite64)(fd, bytes, some, offset); });
 }
 
-int posix_fallocate(int fd, off_t offset, off_t size)
+int fallocate(int fd, int mode, off_t offset, off_t size)
 {
     return call_fallocate(fd, size, [&](off64_t some) {
+        return NEXT(fallocate)(fd, mode, offset, static_cast<off_t>(some));
+    });
+}
+
+int fallocate64(int fd, int mode, off64_t offset, off64_t size)
+{
+    return call_fallocate(fd, size,
+                          [&](off64_t some) { return NEXT(fallocate64)(fd, mode, offset, some); });
+}
+
+int posix_fallocate(int fd, off_t offset, off_t size)
+{
+    return call_posix_fallocate(fd, size, [&](off64_t some) {
         return NEXT(posix_fallocate)(fd, offset, static_cast<off_t>(some));
     });
 }
 
 int posix_fallocate64(int fd, off64_t offset, off64_t size)
 {
-    return call_fallocate(fd, size,
-                          [&](off64_t some) { return NEXT(posix_fallocate64)(fd, offset, some); });
+    return call_posix_fallocate(
+        fd, size, [&](off64_t some) { return NEXT(posix_fallocate64)(fd, offset, some); });
 }
 
 int ftruncate(int fd, off_t size) noexcept

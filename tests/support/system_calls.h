@@ -18,11 +18,13 @@
 
 enum class Meddling {
     NONE,
-    KILL_BEFORE,   // the process ends by SIGKILL, and the call is not made
-    KILL_AFTER,    // it ends when the call is done
-    FAIL,          // the call does nothing and reports the error; close does close
-    HALF,          // half of the bytes are written
-    HALF_THEN_FAIL // and the next call of the same name fails
+    KILL_BEFORE, // the process ends by SIGKILL, and the call is not made
+    KILL_AFTER,  // it ends when the call is done
+    FAIL,        // the call does nothing and reports the error; close does close
+    FAIL_FROM_THERE_ON,
+    HALF,           // half of the bytes are written, or read
+    HALF_THEN_FAIL, // and the next call of the same name fails
+    NOTHING         // the call does nothing and reports success: no byte was read or written
 };
 
 struct Interference {
@@ -33,7 +35,8 @@ struct Interference {
 inline const Interference NO_INTERFERENCE = {0, Meddling::NONE, 0};
 
 enum class Scope {
-    EVERYTHING,
+    EVERYTHING, // but for the calls that only read what is there
+    EVERYTHING_AND_READING,
     SAVES // what happens inside durable_save
 };
 
@@ -48,7 +51,7 @@ struct SystemCall {
     }
     bool writes() const // takes a count of bytes that can come short
     {
-        return name == "write" || name == "pwrite" || name == "posix_fallocate";
+        return name == "write" || name == "pwrite" || name == "fallocate";
     }
     std::string text() const
     {

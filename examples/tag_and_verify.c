@@ -1,7 +1,7 @@
 /*
- * A typical request: tag a message with a session key, and check the tag.
+ * Tagging a message under a session key, and checking the tag.
  *
- *     typical_request [directory]
+ *     tag_and_verify [directory]
  *
  * Works on the key store of the directory, or makes one with a random root key ("srk") for one
  * device.
@@ -81,5 +81,8 @@ int main(int argc, char** argv)
         return end_example(false);
     }
     to_hex(root_key_text, root_key, sizeof root_key);
-    return end_example(begin_example(argc, argv, device_uid, private_keys, no_keys) && request());
+    wipe(root_key, sizeof root_key);
+    const bool begun = begin_example(argc, argv, device_uid, private_keys, no_keys);
+    wipe(root_key_text, sizeof root_key_text);
+    return end_example(begun && request());
 }

@@ -23,7 +23,8 @@ static inline unsigned char* mutants_reached_file()
         return nullptr;
     }
     const long file = syscall(SYS_openat, AT_FDCWD, name, O_RDWR);
-    void* bytes = mmap(nullptr, 16384, PROT_READ | PROT_WRITE, MAP_SHARED, static_cast<int>(file), 0);
+    void* bytes =
+        mmap(nullptr, 16384, PROT_READ | PROT_WRITE, MAP_SHARED, static_cast<int>(file), 0);
     syscall(SYS_close, file);
     return bytes == MAP_FAILED ? nullptr : static_cast<unsigned char*>(bytes);
 }

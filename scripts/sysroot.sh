@@ -57,6 +57,7 @@ record_packages() {
     for archive in "$archives"/*.deb; do
         rm -rf "$control"
         dpkg-deb --control "$archive" "$control"
+        # shellcheck disable=SC2016 # dpkg-deb's placeholder
         name=$(dpkg-deb --show --showformat='${Package}' "$archive")
         ! grep -q '^Multi-Arch: same' "$control/control" || name+=":$architecture"
         dpkg-deb --fsys-tarfile "$archive" | tar --list | sed 's,^\.,,; s,/$,,; s,^$,/.,' >"$database/info/$name.list"

@@ -14,7 +14,8 @@ COMPONENTS = ("runtime", "development", "tools", "documentation")
 # Where BitBake puts files without being told (FILES in meta/conf/bitbake.conf), in the order of PACKAGES.
 YOCTO_DIRECTORIES = {"prefix": "/usr", "bindir": "/usr/bin", "libdir": "/usr/lib",
                      "includedir": "/usr/include", "datadir": "/usr/share",
-                     "mandir": "/usr/share/man", "docdir": "/usr/share/doc"}
+                     "mandir": "/usr/share/man", "docdir": "/usr/share/doc",
+                     "PYTHON_SITEPACKAGES_DIR": "/usr/lib/python3/dist-packages"}
 YOCTO_FILES = {"${PN}-staticdev": "${libdir}/*.a",
                "${PN}-dev": "${includedir} ${libdir}/lib*.so ${libdir}/pkgconfig ${libdir}/cmake",
                "${PN}-doc": "${docdir} ${mandir}",
@@ -22,6 +23,7 @@ YOCTO_FILES = {"${PN}-staticdev": "${libdir}/*.a",
 
 # What Buildroot's make files have that zentrava-keys.mk uses.
 BUILDROOT_STUB = """
+PYTHON3_VERSION_MAJOR = 3.11
 define print-package
 $(info version $(ZENTRAVA_KEYS_VERSION))
 $(info site $(ZENTRAVA_KEYS_SITE))
@@ -102,14 +104,14 @@ class Packaging(BuildTestCase):
         self.assertEqual(sorted(names["runtime"]), ["libzentrava_keys.so.1", "libzentrava_keys.so.1.0.0"])
         for name in ("libzentrava_keys.so", "libzentrava_keys.a", "zentrava_keys.pc", "ecc.h"):
             self.assertIn(name, names["development"])
-        for name in ("zentrava-keystore", "zentrava-keystore.1", "zentrava-key-store.5"):
+        for name in ("zentrava-keystore", "zentrava-keystore.1", "zentrava-key-store.5", "py.typed"):
             self.assertIn(name, names["tools"])
         for name in ("README.md", "packaging.md", "armhf.cmake"):
             self.assertIn(name, names["documentation"])
 
     def test_the_yocto_recipe_is_made_of_assignments_and_inherits(self):
         for line in self.recipe_lines():
-            self.assertRegex(line, r'^(inherit( \w+)+|[A-Z][\w:-]*(\[[\w-]+\])? (=|\?\?=|=\+) "[^"]*")$')
+            self.assertRegex(line, r'^(inherit( [\w-]+)+|[A-Z][\w:-]*(\[[\w-]+\])? (=|\?\?=|=\+) "[^"]*")$')
 
     def test_the_yocto_recipe_builds_the_tree_that_it_lies_in(self):
         place = self.recipe()["EXTERNALSRC"].replace("${THISDIR}", str(self.packaging / "yocto"))
@@ -144,7 +146,8 @@ class Packaging(BuildTestCase):
         self.assertNotIn("_LICENSE", self.source("packaging/buildroot/package/zentrava-keys/zentrava-keys.mk"))
 
     def test_the_options_given_to_cmake_are_options_of_the_project(self):
-        declared = set(re.findall(r"^(?:option|set)\((ZENTRAVA_\w+)", self.source("CMakeLists.txt"), re.MULTILINE))
+        projects = self.source("CMakeLists.txt") + self.source("tools/CMakeLists.txt")
+        declared = set(re.findall(r"^(?:option|set)\((ZENTRAVA_\w+)", projects, re.MULTILINE))
         for file in ("debian/rules", "yocto/zentrava-keys_1.0.0.bb",
                      "buildroot/package/zentrava-keys/zentrava-keys.mk"):
             used = set(re.findall(r"-D(ZENTRAVA_\w+)", self.source("packaging/" + file)))
@@ -156,7 +159,8 @@ class Packaging(BuildTestCase):
                                        BR2_PACKAGE_ZENTRAVA_KEYS_XML_CLEANUP="y")
         self.assertIn("dependencies libxml2 mbedtls cli11 json-for-modern-cpp", everything)
         self.assertIn("options -DZENTRAVA_BUILD_EXAMPLES=OFF -DZENTRAVA_BUILD_STATIC=ON "
-                      "-DZENTRAVA_XML_CLEANUP=ON -DZENTRAVA_BUILD_TOOLS=ON", everything)
+                      "-DZENTRAVA_XML_CLEANUP=ON -DZENTRAVA_BUILD_TOOLS=ON "
+                      "-DZENTRAVA_PYTHON_DIR=lib/python3.11/site-packages", everything)
         little = self.read_by_make()
         self.assertIn("dependencies libxml2 mbedtls", little)
         self.assertIn("options -DZENTRAVA_BUILD_EXAMPLES=OFF -DZENTRAVA_BUILD_STATIC=OFF "

@@ -10,7 +10,14 @@
 
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
+#include <vector>
 
 static xmlNode* by_name(xmlNode* start, const char* uid, const char* key_name)
 {
@@ -766,6 +773,37 @@ TEST_F(VolatileRoot, IsTheSameEverAfter)
     xmlNode* child = xmlNewChild(root, nullptr, xml("key_content"), nullptr);
     EXPECT_EQ(getTmpTreeRootNode(), root);
     EXPECT_EQ(root->children, child);
+}
+
+// Allocations wait until every thread has come, and then long enough for each to look for the root.
+TEST_F(VolatileRoot, IsOneForThreadsThatNeedItAtTheSameTime)
+{
+    constexpr size_t THREADS = 4;
+    static std::atomic<size_t> threads_that_came(0);
+    const xmlMallocFunc slow_malloc = [](size_t size) {
+        while (threads_that_came < THREADS) {
+            std::this_thread::yield();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        return malloc(size);
+    };
+    ASSERT_EQ(xmlMemSetup(free, slow_malloc, realloc, strdup), 0);
+
+    xmlNode* roots[THREADS] = {};
+    std::vector<std::thread> threads;
+    for (xmlNode*& root : roots) {
+        threads.emplace_back([&root] {
+            ++threads_that_came;
+            root = getTmpTreeRootNode();
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    leave_libxml2_memory_alone();
+    for (const xmlNode* root : roots) {
+        EXPECT_EQ(root, tmpTree_rootNode);
+    }
 }
 
 TEST_F(VolatileRoot, IsSearchedLikeAFile)

@@ -2,6 +2,7 @@
 
 #include "key_driver/store_lock.cpp"
 
+#include "tests/support/deadline.h"
 #include "tests/support/store_directory.h"
 
 #include <gtest/gtest.h>
@@ -62,6 +63,7 @@ TEST_F(DirectoriesToLock, AreTheWorkingDirectoryAndThoseThatLinksLeadTo)
     std::filesystem::create_directory("elsewhere");
     std::filesystem::rename(PRIVATE_FILE, "elsewhere/keys.xml");
     std::filesystem::create_symlink("elsewhere/keys.xml", PRIVATE_FILE);
+    const Deadline deadline(60); // a directory that is locked twice is waited for
     store_lock_take();
     EXPECT_EQ(directory_count, 2);
     EXPECT_TRUE(store_lock_is_held());

@@ -11,7 +11,7 @@ LICENSE = "CLOSED"
 
 DEPENDS = "libxml2 mbedtls"
 
-inherit cmake externalsrc pkgconfig
+inherit cmake externalsrc pkgconfig python3-dir
 
 EXTERNALSRC = "${THISDIR}/../.."
 
@@ -19,14 +19,18 @@ PACKAGECONFIG ??= "tools xml-cleanup"
 PACKAGECONFIG[tools] = "-DZENTRAVA_BUILD_TOOLS=ON,-DZENTRAVA_BUILD_TOOLS=OFF,cli11 nlohmann-json"
 PACKAGECONFIG[static] = "-DZENTRAVA_BUILD_STATIC=ON,-DZENTRAVA_BUILD_STATIC=OFF"
 PACKAGECONFIG[xml-cleanup] = "-DZENTRAVA_XML_CLEANUP=ON,-DZENTRAVA_XML_CLEANUP=OFF"
-EXTRA_OECMAKE = "-DZENTRAVA_BUILD_EXAMPLES=OFF"
+EXTRA_OECMAKE = "-DZENTRAVA_BUILD_EXAMPLES=OFF -DZENTRAVA_PYTHON_DIR=${PYTHON_SITEPACKAGES_DIR}"
 
 # The library itself, its headers, its static form and the documentation are where BitBake looks for them.
-PACKAGES =+ "zentrava-keystore"
+PACKAGES =+ "zentrava-keystore python3-zentrava-keys"
 FILES:zentrava-keystore = " \
     ${bindir}/zentrava-keystore \
     ${datadir}/zentrava \
     ${datadir}/bash-completion \
     ${datadir}/zsh \
     ${datadir}/fish \
+    ${libdir}/python3 \
 "
+
+FILES:python3-zentrava-keys = "${PYTHON_SITEPACKAGES_DIR}/zentrava_keys"
+RDEPENDS:python3-zentrava-keys = "${PN} python3-core python3-ctypes"

@@ -18,6 +18,7 @@
 #include <fcntl.h>
 #include <mbedtls/md.h>
 #include <pthread.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 
@@ -560,9 +561,11 @@ TEST_F(Secrets, OfAPeerAreWiped)
 // Stacks
 // ---------------------------------------------------------------------------------------------
 
-// Runs in a thread whose stack stays in memory when it has ended.
+// Runs in a thread whose stack stays in memory when it has ended. Nothing but the library's own doing
+// is to be seen there: run by hand, the program needs LD_BIND_NOW=1 in its environment, as the suite sets it.
 void on_a_stack_of_its_own(const std::function<void()>& work)
 {
+    ASSERT_NE(getenv("LD_BIND_NOW"), nullptr);
     const size_t size = size_t{1} << 20;
     void* stack = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(stack, MAP_FAILED);

@@ -29,7 +29,6 @@ FILES:zentrava-keystore = " \
     ${datadir}/bash-completion \
     ${datadir}/zsh \
     ${datadir}/fish \
-    ${libdir}/python3 \
 "
 
 FILES:python3-zentrava-keys = "${PYTHON_SITEPACKAGES_DIR}/zentrava_keys"

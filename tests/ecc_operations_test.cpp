@@ -14,7 +14,11 @@
 
 namespace {
 
+#ifdef ZENTRAVA_EMULATED
+constexpr int ROUNDS = 500;
+#else
 constexpr int ROUNDS = 2000;
+#endif
 constexpr int MODEL_ROUNDS = 20; // of whole operations in the model
 
 const mpz_class& p = ecc_model::p;

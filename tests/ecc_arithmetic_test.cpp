@@ -9,8 +9,7 @@
 
 namespace {
 
-// A processor that is emulated calculates some fifty times more slowly.
-#ifdef ZENTRAVA_EMULATED
+#ifdef ZENTRAVA_RUNS_SLOWLY
 constexpr int RANDOM_SETS = 20000;
 constexpr int CORNER_SETS = 10000;
 #else

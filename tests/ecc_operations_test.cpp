@@ -14,7 +14,7 @@
 
 namespace {
 
-#ifdef ZENTRAVA_EMULATED
+#ifdef ZENTRAVA_RUNS_SLOWLY
 constexpr int ROUNDS = 500;
 #else
 constexpr int ROUNDS = 2000;

@@ -705,7 +705,13 @@ class LongestText : public ChangingStore, public testing::WithParamInterface<std
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Of, LongestText, testing::Values("x", "&", "\r", "\n", "\xF4\x8F\xBF\xBF"),
+#ifdef ZENTRAVA_RUNS_SLOWLY
+const char* const LONGEST_OF[] = {"&", "\xF4\x8F\xBF\xBF"};
+#else
+const char* const LONGEST_OF[] = {"x", "&", "\r", "\n", "\xF4\x8F\xBF\xBF"};
+#endif
+
+INSTANTIATE_TEST_SUITE_P(Of, LongestText, testing::ValuesIn(LONGEST_OF),
                          [](const auto& test) { return to_hex(bytes_of(test.param)); });
 
 TEST_P(LongestText, ComesBackFromTheMetadata)

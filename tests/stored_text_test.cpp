@@ -706,9 +706,9 @@ class LongestText : public ChangingStore, public testing::WithParamInterface<std
 };
 
 #ifdef ZENTRAVA_RUNS_SLOWLY
-const char* const LONGEST_OF[] = {"&", "\xF4\x8F\xBF\xBF"};
+const std::string LONGEST_OF[] = {"&", "\xF4\x8F\xBF\xBF"};
 #else
-const char* const LONGEST_OF[] = {"x", "&", "\r", "\n", "\xF4\x8F\xBF\xBF"};
+const std::string LONGEST_OF[] = {"x", "&", "\r", "\n", "\xF4\x8F\xBF\xBF"};
 #endif
 
 INSTANTIATE_TEST_SUITE_P(Of, LongestText, testing::ValuesIn(LONGEST_OF),

@@ -428,14 +428,16 @@ TEST_F(Secrets, StayInTheVolatileTreeUntilTheyAreDeleted)
 // Contexts
 // ---------------------------------------------------------------------------------------------
 
+void load_key_and_sign(uint8_t* context)
+{
+    EXPECT_EQ(set_ecdsa_signing_key(context, false), KeyLibrary_OK);
+    uint8_t signature[64];
+    EXPECT_EQ(generate_ecdsa_signature(context, MESSAGE, sizeof MESSAGE, signature), KeyLibrary_OK);
+}
+
 TEST_F(Secrets, AreWipedFromAContextThatIsClosed)
 {
-    in_context([](uint8_t* context) {
-        EXPECT_EQ(set_ecdsa_signing_key(context, false), KeyLibrary_OK);
-        uint8_t signature[64];
-        EXPECT_EQ(generate_ecdsa_signature(context, MESSAGE, sizeof MESSAGE, signature),
-                  KeyLibrary_OK);
-    });
+    in_context(load_key_and_sign);
     EXPECT_EQ(left_of(key("ecdsa_prv")), ONLY_READ);
 }
 
@@ -606,14 +608,7 @@ TEST_F(Secrets, StayOnTheStackOfAnEcdhDerivation)
 
 TEST_F(Secrets, AreWipedFromTheStackOfASignature)
 {
-    on_a_stack_of_its_own([&] {
-        in_context([](uint8_t* context) {
-            EXPECT_EQ(set_ecdsa_signing_key(context, false), KeyLibrary_OK);
-            uint8_t signature[64];
-            EXPECT_EQ(generate_ecdsa_signature(context, MESSAGE, sizeof MESSAGE, signature),
-                      KeyLibrary_OK);
-        });
-    });
+    on_a_stack_of_its_own([&] { in_context(load_key_and_sign); });
     EXPECT_EQ(left_of(key("ecdsa_prv")), ONLY_READ);
 }
 

@@ -1,6 +1,8 @@
 // A working directory of its own for each test, and the means to put store files into it.
 #pragma once
 
+#include "tests/support/read_file.h"
+
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
@@ -8,7 +10,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 inline const char* const PRIVATE_FILE = "key_contents_prv.xml";
@@ -28,12 +29,6 @@ inline std::string record(const std::string& uid, const std::string& key_name,
 inline void write_file(const std::string& name, const std::string& content)
 {
     std::ofstream(name, std::ios::binary | std::ios::trunc) << content;
-}
-
-inline std::string read_file(const std::string& name)
-{
-    std::ifstream file(name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 inline void write_store_file(const std::string& name, const std::string& records)

@@ -1,13 +1,13 @@
 // Which files of the working directory a call writes, replaces, makes or removes.
 #pragma once
 
+#include "tests/support/read_file.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -36,8 +36,7 @@ inline DirectoryState directory_state()
         stat(entry.path().c_str(), &status);
         std::string content;
         if (entry.is_regular_file()) {
-            std::ifstream file(entry.path(), std::ios::binary);
-            content.assign(std::istreambuf_iterator<char>(file), {});
+            content = read_file(entry.path());
         }
         state[entry.path().filename()] = {status.st_ino, status.st_mtim, content};
     }

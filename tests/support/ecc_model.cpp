@@ -6,22 +6,37 @@ static const mpz_class digit_limit = power_of_two(64);
 static const mpz_class accumulator_limit = power_of_two(128);
 static const mpz_class number_limit = power_of_two(256);
 
-static mpz_class digit(const mpz_class& value, unsigned index)
+static std::array<mpz_class, 4> digits_of(const mpz_class& value)
 {
-    return (value >> (64 * index)) % digit_limit;
+    std::array<mpz_class, 4> digits;
+    for (unsigned i = 0; i < 4; ++i) {
+        digits[i] = (value >> (64 * i)) % digit_limit;
+    }
+    return digits;
 }
 
 // An accumulator of 128 bits and an overflow count beside it.
 struct Accumulator {
-    mpz_class value, overflow;
+    mpz_class value;
+    unsigned overflow = 0;
     bool rare = false;
+
+    // Takes the 129th bit off a number, if it is set.
+    static bool cut(mpz_class& number)
+    {
+        const bool is_over = number >= accumulator_limit;
+        if (is_over) {
+            number -= accumulator_limit;
+        }
+        return is_over;
+    }
 
     void add(const mpz_class& partial)
     {
-        const mpz_class sum = value + partial;
-        value = sum % accumulator_limit;
+        value += partial;
+        const bool is_over = cut(value);
         const bool counted = (value >> 64) < (partial >> 64);
-        rare = rare || counted != (sum >= accumulator_limit);
+        rare = rare || counted != is_over;
         overflow += counted ? 1 : 0;
     }
 
@@ -29,7 +44,8 @@ struct Accumulator {
     mpz_class shift()
     {
         mpz_class lowest = value % digit_limit;
-        value = (value >> 64) + (overflow % digit_limit << 64);
+        value >>= 64;
+        value += overflow * digit_limit;
         overflow = 0;
         return lowest;
     }
@@ -37,12 +53,14 @@ struct Accumulator {
 
 mpz_class product(const mpz_class& left, const mpz_class& right, bool* rare)
 {
+    const std::array<mpz_class, 4> left_digits = digits_of(left);
+    const std::array<mpz_class, 4> right_digits = digits_of(right);
     Accumulator sum;
     mpz_class result;
     for (unsigned column = 0; column <= 6; ++column) {
         for (unsigned i = 0; i <= 3; ++i) {
             if (i <= column && column - i <= 3) {
-                sum.add(digit(left, i) * digit(right, column - i));
+                sum.add(left_digits[i] * right_digits[column - i]);
             }
         }
         result += sum.shift() << (64 * column);
@@ -56,6 +74,7 @@ mpz_class product(const mpz_class& left, const mpz_class& right, bool* rare)
 
 mpz_class square(const mpz_class& value, bool* rare)
 {
+    const std::array<mpz_class, 4> digits = digits_of(value);
     Accumulator sum;
     mpz_class result;
     for (unsigned column = 0; column <= 6; ++column) {
@@ -63,11 +82,10 @@ mpz_class square(const mpz_class& value, bool* rare)
             if (i > column || column - i > 3 || i > column - i) {
                 continue;
             }
-            mpz_class partial = digit(value, i) * digit(value, column - i);
+            mpz_class partial = digits[i] * digits[column - i];
             if (i < column - i) {
                 partial *= 2;
-                sum.overflow += partial / accumulator_limit;
-                partial %= accumulator_limit;
+                sum.overflow += Accumulator::cut(partial) ? 1 : 0;
             }
             sum.add(partial);
         }

@@ -14,12 +14,21 @@
 
 namespace {
 
+#if defined(ZENTRAVA_TAKES_FEW_OPERANDS)
+constexpr int ROUNDS = 20;
+constexpr int SHORT_ROUNDS = 10; // of what takes several operations
+constexpr int MODEL_ROUNDS = 5;  // of whole operations in the model
+constexpr size_t BIT_STEP = 9;   // from one changed bit to the next
+#else
 #ifdef ZENTRAVA_RUNS_SLOWLY
 constexpr int ROUNDS = 500;
 #else
 constexpr int ROUNDS = 2000;
 #endif
-constexpr int MODEL_ROUNDS = 20; // of whole operations in the model
+constexpr int SHORT_ROUNDS = 100;
+constexpr int MODEL_ROUNDS = 20;
+constexpr size_t BIT_STEP = 1;
+#endif
 
 const mpz_class& p = ecc_model::p;
 const mpz_class& n = ecc_model::n;
@@ -187,7 +196,7 @@ TEST(SharedSecret, IsTheOneOfOpenSslForBothFormsOfThePublicKey)
 
 TEST(SharedSecret, IsTheSameOnBothSides)
 {
-    for (int round = 0; round < 100; ++round) {
+    for (int round = 0; round < SHORT_ROUNDS; ++round) {
         Bytes public_a(33), private_a(32), public_b(33), private_b(32);
         ASSERT_EQ(ecc_make_key(public_a.data(), private_a.data()), 1);
         ASSERT_EQ(ecc_make_key(public_b.data(), private_b.data()), 1);
@@ -454,7 +463,7 @@ TEST(Verify, AcceptsSignaturesOfOpenSslForBothFormsOfThePublicKey)
 
 TEST(Verify, AcceptsWhatSignMadeAndNothingElse)
 {
-    for (int round = 0; round < 100; ++round) {
+    for (int round = 0; round < SHORT_ROUNDS; ++round) {
         const Key signer = random_key();
         const Bytes hash = random_bytes(32);
         const Bytes signature = sign(signer.private_key, hash);
@@ -472,12 +481,12 @@ TEST(Verify, RefusesEverySignatureAndHashThatDiffersInOneBit)
     const Key signer = random_key();
     const Bytes hash = random_bytes(32);
     const Bytes signature = sign(signer.private_key, hash);
-    for (size_t bit = 0; bit < 512; ++bit) {
+    for (size_t bit = 0; bit < 512; bit += BIT_STEP) {
         Bytes other = signature;
         other[bit / 8] ^= static_cast<uint8_t>(1U << bit % 8);
         EXPECT_EQ(verify(signer.uncompressed, hash, other), 0) << "signature bit " << bit;
     }
-    for (size_t bit = 0; bit < 256; ++bit) {
+    for (size_t bit = 0; bit < 256; bit += BIT_STEP) {
         Bytes other = hash;
         other[bit / 8] ^= static_cast<uint8_t>(1U << bit % 8);
         EXPECT_EQ(verify(signer.uncompressed, other, signature), 0) << "hash bit " << bit;
@@ -607,7 +616,7 @@ TEST(Verify, RefusesNearlyAllSignaturesOfTheKeysWhosePointHasTheBasePointsX)
     for (const mpz_class& d : {mpz_class(1), mpz_class(n - 1)}) {
         const Key signer = key(d);
         int accepted = 0;
-        for (int round = 0; round < 200; ++round) {
+        for (int round = 0; round < 2 * SHORT_ROUNDS; ++round) {
             const Bytes hash = random_bytes(32);
             accepted += verify(signer.uncompressed, hash, openssl_sign(signer.private_key, hash));
         }
@@ -672,7 +681,7 @@ TEST(Verify, ReadsAtAnyAddress)
 TEST(Threads, DoNotDisturbEachOther)
 {
     const auto work = [](int* failures) {
-        for (int round = 0; round < 50; ++round) {
+        for (int round = 0; round < SHORT_ROUNDS / 2; ++round) {
             Bytes public_a(33), private_a(32), public_b(33), private_b(32);
             Bytes secret_a(32), secret_b(32), signature(64);
             *failures += ecc_make_key(public_a.data(), private_a.data()) != 1;

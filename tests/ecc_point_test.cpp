@@ -10,8 +10,13 @@
 
 namespace {
 
+#ifdef ZENTRAVA_TAKES_FEW_OPERANDS
+constexpr int FORMULA_ROUNDS = 100;
+constexpr int MULT_ROUNDS = 30;
+#else
 constexpr int FORMULA_ROUNDS = 1000;
 constexpr int MULT_ROUNDS = 300;
+#endif
 constexpr int MODEL_ROUNDS = 20; // of a whole multiplication in the model
 
 const mpz_class& p = ecc_model::p;

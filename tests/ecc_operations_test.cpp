@@ -528,6 +528,18 @@ TEST(Verify, RefusesAValidSWithTheOrderAdded)
     EXPECT_EQ(verify(signer.uncompressed, hash, bytes(r) + bytes(s + n)), 0);
 }
 
+// The inversion is not meant for the modulus itself, and gives 1 for it.
+TEST(Verify, RefusesTheOrderAsSWhereOneWouldBeValid)
+{
+    const Key signer = random_key();
+    const mpz_class k = random_below(n - 4) + 2;
+    const mpz_class r = x_of(openssl_base_mult(k)) % n;
+    const Bytes hash = bytes(((k - r * integer(signer.private_key)) % n + n) % n);
+    ASSERT_TRUE(openssl_verify(signer.uncompressed, hash, bytes(r) + bytes(1)));
+    EXPECT_EQ(verify(signer.uncompressed, hash, bytes(r) + bytes(1)), 1);
+    EXPECT_EQ(verify(signer.uncompressed, hash, bytes(r) + bytes(n)), 0);
+}
+
 TEST(Verify, ComparesEveryBitOfTheSumsX)
 {
     const Key signer = random_key();

@@ -13,6 +13,7 @@ import sys
 import tempfile
 import time
 from collections import Counter, defaultdict
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
@@ -41,6 +42,7 @@ UNITS = {  # the test programs that cover a unit
 MAIN_UNITS = list(UNITS)[:3]
 IN_MEMORY = "/dev/shm" if os.path.isdir("/dev/shm") else None  # tests write files, and sync them
 FAST = 0.1  # seconds: tests below that share a process
+JOBS = 2 * os.cpu_count()  # many a test waits
 
 
 # ---- Building ----------------------------------------------------------------------------------------
@@ -117,20 +119,15 @@ def build(programs):
 def run(program, tests, seconds, **environment):
     """How a program's tests end: "passed", "failed" or "timeout", when they calculate or take too long."""
     calculation = int(seconds / 4) + 2  # whoever else uses the machine does not count
-
-    def limit():
-        resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-        resource.setrlimit(resource.RLIMIT_CPU, (calculation, calculation + 1))
-
     with tempfile.TemporaryDirectory(dir=IN_MEMORY) as directory:
         process = subprocess.Popen(
             [WORK / "tree" / "tests" / (program + "_test"), "--gtest_fail_fast", "--gtest_brief=1",
              "--gtest_filter=" + ":".join(tests)],
             cwd=directory, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            env={**os.environ, "TMPDIR": directory, "LD_BIND_NOW": "1", **environment}, start_new_session=True,
-            preexec_fn=limit)
+            env={**os.environ, "TMPDIR": directory, "LD_BIND_NOW": "1", **environment}, start_new_session=True)
         try:
-            return {0: "passed", -signal.SIGXCPU: "timeout"}.get(process.wait(seconds), "failed")
+            resource.prlimit(process.pid, resource.RLIMIT_CPU, (calculation, calculation + 1))
+            return {0: "passed", -signal.SIGXCPU: "timeout"}.get(process.wait(JOBS * seconds), "failed")
         except subprocess.TimeoutExpired:
             return "timeout"
         finally:
@@ -269,12 +266,18 @@ def judge(chosen, batches, options):
     begin, results_file = time.time(), WORK / "results.json"
     results = json.loads(results_file.read_text()) if results_file.exists() else {}
     known_equivalents, counts = equivalents(), defaultdict(Counter)
-    for i, mutant in enumerate(chosen):
-        change = "%s: %s => %s" % (mutant.file, mutant.before, mutant.after)
-        name = "%s #%d" % (change, mutant.again)
+
+    def result(mutant):
+        name = "%s: %s => %s #%d" % (mutant.file, mutant.before, mutant.after, mutant.again)
         if options.again or results.get(name, ["survived"])[0] == "survived":
-            results[name] = [*outcome(mutant, batches.get(mutant.number, [])), mutant.line]
-        end, by = results[name][:2]
+            return name, [*outcome(mutant, batches.get(mutant.number, [])), mutant.line]
+        return name, results[name]
+
+    pool = ThreadPoolExecutor(JOBS)
+    for i, (mutant, (name, found)) in enumerate(zip(chosen, pool.map(result, chosen))):
+        results[name] = found
+        end, by = found[:2]
+        change = name.rsplit(" #", 1)[0]
         if end == "survived" and known_equivalents & {change, change.split(" => ")[0] + " => *"}:
             end = "equivalent"
         counts[mutant.file][end] += 1

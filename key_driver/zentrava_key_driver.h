@@ -170,9 +170,12 @@ KeyLibraryErrorCode key_lib_clear_keys(const uint8_t* context_buf);
  *                                   anything. After this result, call with `force` or
  *                                   key_lib_clear_keys before the key is used.
  * @retval KeyLibrary_INVALID_KEY    The store's key is shorter than required. The buffer was wiped
- *                                   and freed; nothing is loaded. The length of a key is half that
- *                                   of its text, rounded up, also where the text is handed out
- *                                   unconverted (get_key).
+ *                                   and freed; nothing is loaded. Wiped are 32 bytes of an HMAC key,
+ *                                   of the other two only as many as the store's key has (and the
+ *                                   byte in front of the public one): of a key that was in place
+ *                                   before, the rest stays in the freed memory. The length of a key
+ *                                   is half that of its text, rounded up, also where the text is
+ *                                   handed out unconverted (get_key).
  *
  * @snippet loading_keys.c from the store
  *

@@ -317,15 +317,10 @@ inline std::optional<std::string> key_text_in(const Store& store, const std::str
     return text ? text : key_text_in(store.public_file, uid, name);
 }
 
-inline bool has_valid_lengths(const KeyTexts& texts)
+inline bool is_valid(const KeyTexts& texts)
 {
-    return texts.uid.size() == 32 && texts.key.size() == 64;
-}
-
-// Whether a file can hold the texts; the volatile tree can hold all.
-inline bool can_be_stored(const KeyTexts& texts)
-{
-    return texts.metadata == nullptr || strchr(texts.metadata, '\x01') == nullptr;
+    const bool is_storable = texts.metadata == nullptr || strchr(texts.metadata, '\x01') == nullptr;
+    return texts.uid.size() == 32 && texts.key.size() == 64 && is_storable;
 }
 
 // A replacement is reported as a failure.
@@ -333,7 +328,7 @@ inline uint32_t add_nonvolatile_based_key(Store* store, const KeyTexts& texts, b
                                           bool allow_replace)
 {
     StoreFile& file = is_private ? store->private_file : store->public_file;
-    if (!file.is_readable || !has_valid_lengths(texts) || !can_be_stored(texts)) {
+    if (!file.is_readable || !is_valid(texts)) {
         return 1;
     }
     Record* record = find_by_name(&file.records, texts.uid, texts.name);
@@ -351,7 +346,7 @@ inline uint32_t add_nonvolatile_based_key(Store* store, const KeyTexts& texts, b
 inline uint32_t add_volatile_based_key(Store* store, const KeyTexts& texts, size_t handle_size)
 {
     const std::string handle = next_handle(*store);
-    if (!has_valid_lengths(texts) || handle.size() >= handle_size ||
+    if (!is_valid(texts) || handle.size() >= handle_size ||
         find_by_name(&store->volatile_tree, texts.uid, texts.name) != nullptr) {
         return 1;
     }

@@ -508,8 +508,7 @@ static bool add_record(xmlNodePtr root, const RecordTexts& texts, const char* op
     return appended;
 }
 
-// Whether a file can hold every text as it is; reported under the operation's name if not. The
-// volatile tree is never written and holds any text.
+// Whether every text can be stored as it is; reported under the operation's name if not.
 static bool can_be_stored(const RecordTexts& texts, const char* operation)
 {
     const bool storable =
@@ -521,16 +520,16 @@ static bool can_be_stored(const RecordTexts& texts, const char* operation)
     return storable;
 }
 
-// What the adders of keys with UID and name require of their arguments. The message carries the file
+// What the adders of keys with UID and name require of their arguments. The messages carry the file
 // writer's name in the volatile writer too.
-static bool lengths_are_valid(const RecordTexts& texts)
+static bool arguments_are_valid(const RecordTexts& texts)
 {
-    const bool valid = strlen(texts.uid) == 32 && strlen(texts.key) == 64;
-    if (!valid) {
+    if (strlen(texts.uid) != 32 || strlen(texts.key) != 64) {
         puts("[add_nonvolatile_based_key] error: size of input parameter (e.g., uid or key) is not "
              "valid");
+        return false;
     }
-    return valid;
+    return can_be_stored(texts, "add_nonvolatile_based_key");
 }
 
 static void report_existing_key(const char* uid, const char* key_name)
@@ -601,7 +600,7 @@ uint32_t add_nonvolatile_based_key(const char* uid, const char* key_name, const 
         return STORE_ERROR;
     }
     const RecordTexts texts = {uid, key_name, NULL, key, metadata};
-    if (!lengths_are_valid(texts) || !can_be_stored(texts, "add_nonvolatile_based_key")) {
+    if (!arguments_are_valid(texts)) {
         return STORE_ERROR;
     }
 
@@ -664,6 +663,9 @@ uint32_t add_volatile_key(const char* key_hex, char* handle_out_buff,
 {
     assert(key_hex != NULL && handle_out_buff != NULL);
 
+    if (!can_be_stored({NULL, NULL, NULL, key_hex, NULL}, "add_volatile_key")) {
+        return STORE_ERROR;
+    }
     libxml2_enter();
     const uint32_t result = add_anonymous_key(key_hex, handle_out_buff, handle_out_buff_size);
     libxml2_leave(false);
@@ -698,7 +700,7 @@ uint32_t add_volatile_based_key(const char* uid, const char* key_name, const cha
         return STORE_ERROR;
     }
     const RecordTexts texts = {uid, key_name, NULL, key, metadata};
-    if (!lengths_are_valid(texts)) {
+    if (!arguments_are_valid(texts)) {
         return STORE_ERROR;
     }
     if (getTmpTreeRootNode() == NULL) {
@@ -865,8 +867,7 @@ uint32_t copy_private_key(const char* uid, const char* key_name, const char* cop
         puts("[copy_prv_key] error: length of input parameter uid is not valid");
         return STORE_ERROR;
     }
-    // The other texts of a copy are those of a record that is in the file already.
-    if (!can_be_stored({NULL, copy_name, NULL, NULL, NULL}, "copy_prv_key")) {
+    if (!can_be_stored({uid, copy_name, NULL, NULL, NULL}, "copy_prv_key")) {
         return STORE_ERROR;
     }
 

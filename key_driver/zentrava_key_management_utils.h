@@ -29,9 +29,9 @@
  *
  * @par Texts
  * What is given to be stored comes back exactly as given, markup characters, line ends and UTF-8
- * included. A text that an XML file cannot hold, or that would not be read back, is refused where it
- * would go into a file: control characters other than tab, line feed and carriage return, malformed
- * UTF-8, U+FFFE and U+FFFF, more than 10,000,000 bytes. The volatile tree holds any text.
+ * included. A text that an XML file cannot hold, or that would not be read back, is refused:
+ * control characters other than tab, line feed and carriage return, malformed UTF-8, U+FFFE and
+ * U+FFFF, more than 10,000,000 bytes.
  *
  * @par Handles
  * A new handle is the largest one in both files and the volatile tree plus one, so the first is
@@ -197,6 +197,7 @@ uint32_t get_key(const unsigned char* uid, const char* key_name, uint8_t* key,
  *
  * @par Messages
  *
+ *     "[add_volatile_key] error: input parameter cannot be stored as XML text\n"
  *     "[add_volatile_key] Failed to retrieve Temporary Key Tree root node!"     no memory
  *     "error: size of output buffer for handle is not large enough", then
  *     "[add_volatile_key] error: could not get new key handle"   which no memory leads to as well
@@ -230,6 +231,7 @@ uint32_t add_volatile_key(const char* key_hex, char* handle_out_buff,
  * @par Messages
  *
  *     "[add_nonvolatile_based_key] error: size of input parameter (e.g., uid or key) is not valid"
+ *     "[add_nonvolatile_based_key] error: input parameter cannot be stored as XML text\n"
  *     "[add_nonvolatile_based_key] error: could retrieve root element"          no memory
  *     "error: Cannot add key for uid 0x%s and key name %s! Key with same uid and key_name already exists\n"
  *     "error: size of output buffer for handle is not large enough", then
@@ -401,7 +403,7 @@ uint32_t delete_crk(const char* uid);
  * @par Messages
  *
  *     "[copy_prv_key] error: length of input parameter uid is not valid"        uid is empty
- *     "[copy_prv_key] error: input parameter cannot be stored as XML text\n"    copy_name
+ *     "[copy_prv_key] error: input parameter cannot be stored as XML text\n"
  *     "[copy_prv_key] error: could not parse file %s\n"
  *     "[copy_prv_key] error: could retrieve root element after parsing file %s\n"
  *     "[copy_prv_key] error: Cannot add key for uid 0x%s and key name %s! Key with same uid and key_name already exists\n"

@@ -467,6 +467,30 @@ const Way WAYS[] = {
      [](const char* text) {
          return add_csk(DEVICE_UID, KEY.c_str(), text);
      }},
+    {"TextOfAnAnonymousVolatileKey", "add_volatile_key", 0,
+     [](const char* text) {
+         return add_volatile_key(text, handle_buffer, 16);
+     }},
+    {"UidOfAVolatileKey", ADDER, 32,
+     [](const char* text) {
+         return add_volatile_based_key(text, "n", KEY.c_str(), "m", handle_buffer, 16);
+     }},
+    {"NameOfAVolatileKey", ADDER, 0,
+     [](const char* text) {
+         return add_volatile_based_key(DEVICE_UID, text, KEY.c_str(), "m", handle_buffer, 16);
+     }},
+    {"TextOfAVolatileKey", ADDER, 64,
+     [](const char* text) {
+         return add_volatile_based_key(DEVICE_UID, "n", text, "m", handle_buffer, 16);
+     }},
+    {"MetadataOfAVolatileKey", ADDER, 0,
+     [](const char* text) {
+         return add_volatile_based_key(DEVICE_UID, "n", KEY.c_str(), text, handle_buffer, 16);
+     }},
+    {"UidOfACopy", "copy_prv_key", 0,
+     [](const char* text) {
+         return copy_private_key(text, "old", "copy");
+     }},
     {"NameOfACopy", "copy_prv_key", 0,
      [](const char* text) {
          return copy_private_key(DEVICE_UID, "old", text);
@@ -565,48 +589,7 @@ TEST_F(RefusedLength, DoesNotConcernTextsThatAreLookedFor)
                       "; key name=" + odd + "\n");
         EXPECT_EQ(printed_by([&] { EXPECT_EQ(delete_key_by_handle(odd.c_str()), 1U); }),
                   "error: can't find key with handle " + odd + "\n");
-        EXPECT_EQ(outcome_of([&] { return copy_private_key(odd.c_str(), odd.c_str(), "c"); }),
-                  (Outcome{1,
-                           "[copy_prv_key] error: no key with found with  uid=" + odd +
-                               "; key name=" + odd + "\n",
-                           {PRIVATE_FILE},
-                           {}}));
     }
-}
-
-// The volatile tree is never written, so that nothing has to be read back.
-TEST_F(VolatileText, IsHeldThoughNoFileCouldHoldIt)
-{
-    for (const std::string& text : texts_to_refuse()) {
-        SCOPED_TRACE(to_hex(bytes_of(text)));
-        empty_volatile_tree();
-        const std::string uid = stretched(text, 32);
-        const std::string key = stretched(text, 64);
-        EXPECT_EQ(outcome_of([&] { return add_volatile_key(text.c_str(), handle_buffer, 16); }),
-                  (Outcome{0, "", {}, {}}));
-        const auto add_named = [&] {
-            return add_volatile_based_key(uid.c_str(), text.c_str(), key.c_str(), text.c_str(),
-                                          handle_buffer, 16);
-        };
-        EXPECT_EQ(outcome_of(add_named), (Outcome{0, "", {}, {}}));
-        EXPECT_EQ(outcome_of(add_named).result, 1U) << "is found";
-        Children expected = record_of_texts(uid, text, "2", key);
-        expected.emplace_back("metadata", text);
-        EXPECT_EQ(volatile_records(),
-                  (std::vector<Children>{{{"handle", "1"}, {"key", text}}, expected}));
-    }
-}
-
-TEST_F(VolatileText, IsHeldThoughItIsLongerThanWhatCanBeRead)
-{
-    const std::string text(10000001, 'x');
-    ASSERT_EQ(add_volatile_key(text.c_str(), handle_buffer, sizeof handle_buffer), 0U);
-    ASSERT_EQ(add_volatile_based_key(DEVICE_UID, text.c_str(), KEY.c_str(), text.c_str(),
-                                     handle_buffer, sizeof handle_buffer),
-              0U);
-    EXPECT_TRUE(volatile_records().at(0)[1].second == text);
-    EXPECT_TRUE(volatile_records().at(1)[1].second == text);
-    EXPECT_TRUE(volatile_records().at(1)[4].second == text);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -746,6 +729,13 @@ TEST_P(LongestText, ComesBackFromTheNameOfACopy)
     ASSERT_EQ(copy_private_key("U", "n", text.c_str()), 0U);
     EXPECT_TRUE(records_of(PRIVATE_FILE).at(1)[1].second == text);
     EXPECT_TRUE(contains_key("U", text.c_str()));
+}
+
+TEST_P(LongestText, IsHeldByTheVolatileTree)
+{
+    const std::string text = longest();
+    ASSERT_EQ(add_volatile_key(text.c_str(), handle_buffer, sizeof handle_buffer), 0U);
+    EXPECT_TRUE(volatile_records().at(0)[1].second == text);
 }
 
 // ---------------------------------------------------------------------------------------------

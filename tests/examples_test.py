@@ -112,7 +112,7 @@ class Examples(BuildTestCase):
         self.assertEqual(self.run_example("tag_and_verify", nowhere, ends_with=1),
                          f"{nowhere}: No such file or directory\n")
 
-    # ---- Helpers
+    # ---- What the tests use
 
     def run_example(self, name, store=None, own_store=False, ends_with=0):
         """Runs an example on the store of this test or on one of its own; what it printed."""

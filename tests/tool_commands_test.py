@@ -579,7 +579,7 @@ class ToolCommands(ToolTestCase):
         self.assertEqual(self.tool("restore", "copy", "-q"), "")
         self.assertIn("short", self.tool("list", "-q"))
 
-    # ---- Helpers
+    # ---- What the tests use
 
     def mode(self, name):
         return stat.S_IMODE((self.directory / name).stat().st_mode)

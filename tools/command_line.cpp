@@ -28,7 +28,8 @@ static CLI::App* add_command(CLI::App* app, Request* request, const char* name,
     return command;
 }
 
-// Where an empty text stands for another choice, a variable that somebody's script left unset would make it.
+// For options of which the empty text stands for another choice: a script whose variable is unset is
+// not to make it.
 static void refuse_empty_text(CLI::Option* option)
 {
     option->check([](const std::string& text) { return text.empty() ? "is empty" : ""; });

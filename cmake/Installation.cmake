@@ -63,7 +63,7 @@ install(FILES "${PROJECT_BINARY_DIR}/zentrava_keys.pc"
     DESTINATION "${zentrava_pkgconfig_dir}"
     COMPONENT development)
 
-install(FILES README.md CHANGELOG.md
+install(FILES README.md CHANGELOG.md SECURITY.md
     DESTINATION "${CMAKE_INSTALL_DOCDIR}"
     COMPONENT documentation)
 install(DIRECTORY docs

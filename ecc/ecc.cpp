@@ -810,8 +810,8 @@ static inline void ladder_inverse_z(uint64_t* z, uint64_t (*Rx)[VLI_DIGITS],
 // result, but every intermediate value depends on it.
 //
 // The initial doubling stands for the top bit, and a scalar without a second bit gets what the
-// steps below make of it, not a case of its own: 0 gives 2P and 1 gives 3P. The scalar n - 1 gives
-// the point at infinity, since nP in the other register takes the common Z to 0; so does every
+// steps below make of it, not a case of its own: 0 gives 2P and 1 gives 3P. The scalars n - 1 and n
+// give the point at infinity, since nP in either register takes the common Z to 0; so does every
 // scalar for a point with x = 0, from which no Z can be had.
 static inline void EccPoint_mult(EccPoint* p_result, const EccPoint* p_point,
                                  const uint64_t* p_scalar, const uint64_t* p_initialZ)

@@ -92,6 +92,8 @@ int ecc_make_key(uint8_t* p_publicKey, uint8_t* p_privateKey);
  *            effect on its result); p_secret is left as it was. Or the computation ended at the
  *            point at infinity; p_secret then holds 32 zero bytes. That is the case for the private
  *            key n - 1 and for a public key with X = 0, which this function therefore cannot serve.
+ *            What is no key at all, such as the private key n or a point off the curve, can end
+ *            there as well.
  *
  * @snippet engine.c shared secret
  */

@@ -56,10 +56,12 @@ static bool has_store(void)
 bool begin_example(int argc, char** argv, const char* uid, const struct stored_key* private_keys,
                    const struct stored_key* public_keys)
 {
-    const bool is_there = argc > 1 ? chdir(argv[1]) == 0 : go_to_temporary_directory();
-    if (!is_there || (!has_store() &&
-                      (!write_store_file("key_contents_prv.xml", 0600, uid, private_keys, 1) ||
-                       !write_store_file("key_contents_pub.xml", 0644, uid, public_keys, 101)))) {
+    if (argc > 1 ? chdir(argv[1]) != 0 : !go_to_temporary_directory()) {
+        perror(argc > 1 ? argv[1] : "cannot make a directory for the key store");
+        return false;
+    }
+    if (!has_store() && (!write_store_file("key_contents_prv.xml", 0600, uid, private_keys, 1) ||
+                         !write_store_file("key_contents_pub.xml", 0644, uid, public_keys, 101))) {
         perror("cannot make a key store");
         return false;
     }

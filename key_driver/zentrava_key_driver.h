@@ -170,9 +170,12 @@ KeyLibraryErrorCode key_lib_clear_keys(const uint8_t* context_buf);
  *                                   anything. After this result, call with `force` or
  *                                   key_lib_clear_keys before the key is used.
  * @retval KeyLibrary_INVALID_KEY    The store's key is shorter than required. The buffer was wiped
- *                                   and freed; nothing is loaded. The length of a key is half that
- *                                   of its text, rounded up, also where the text is handed out
- *                                   unconverted (get_key).
+ *                                   and freed; nothing is loaded. Wiped are 32 bytes of an HMAC key,
+ *                                   of the other two only as many as the store's key has (and the
+ *                                   byte in front of the public one): of a key that was in place
+ *                                   before, the rest stays in the freed memory. The length of a key
+ *                                   is half that of its text, rounded up, also where the text is
+ *                                   handed out unconverted (get_key).
  *
  * @snippet loading_keys.c from the store
  *
@@ -397,6 +400,10 @@ KeyLibraryErrorCode verify_ecdsa_signature(const uint8_t* context_buf, const uin
  * the power-on AMTC0 value). The context remembers peer key and value; a repeat with both does
  * nothing. The peer key is not validated: whoever receives it from elsewhere checks it first.
  *
+ * CAUTION: a failure leaves the session key that was in place, and the new peer key beside it. With
+ * the remembered AMTC0 value, a call for this peer then takes the old key for the one derived, and
+ * returns KeyLibrary_OK. Use `force` after a failure.
+ *
  * @param[in] context_buf       the context
  * @param[in] ecdh_pub_key      64 bytes: X, then Y, of the peer's public key. Kept in the context
  *                              from the moment it is looked at, also when the derivation fails
@@ -465,6 +472,10 @@ KeyLibraryErrorCode set_kts_ecdsa_signing_key(const uint8_t* context_buf, uint32
  * Makes the slot's HMAC key: the X coordinate of the point shared by the slot's ECDH private key
  * and the peer's public key, as it is. The peer key is kept in the same place as the one of
  * derive_ecdh_session_key, and is not validated.
+ *
+ * CAUTION: a failure leaves the new peer key, and of the HMAC key whatever there is. For the slot that
+ * is remembered, a call for this peer then takes that for the key made, and returns KeyLibrary_OK. Use
+ * `force` after a failure.
  *
  * @param[in] context_buf   the context
  * @param[in] slot_id       any number; remembered in the context on success

@@ -251,7 +251,8 @@ uint32_t add_volatile_based_key(const char* uid, const char* key_name, const cha
 /**
  * Adds a key to a store file, or replaces one. The handle is not returned; get_key_handle tells it.
  * Whatever comes of it, a call that found the file readable takes at least five seconds: the
- * calling thread sleeps, without any lock, before it returns.
+ * calling thread sleeps, without any lock, before it returns. Only a signal that the program handles
+ * ends this sleep early.
  *
  * @param[in] uid             exactly 32 bytes and a terminator
  * @param[in] key_name        NUL-terminated; the empty name is a name like any other

@@ -17,9 +17,18 @@ die() {
     exit 1
 }
 
-# print_head_comment FILE: the comment at the head of a script, which is its --help text.
-print_head_comment() {
-    sed -n '2,/^[^#]/{ s/^# \{0,1\}//p; }' "$1"
+# help_if_asked ARGUMENT...: what the script was given. If that begins with --help, prints the comment at
+# the script's head and ends it.
+help_if_asked() {
+    if [[ ${1-} == -h || ${1-} == --help ]]; then
+        sed -n '2,/^[^#]/{ s/^# \{0,1\}//p; }' "$0"
+        exit
+    fi
+}
+
+# expect_no_arguments ARGUMENT...: what the script was given, which is to be nothing.
+expect_no_arguments() {
+    (($# == 0)) || die "unexpected argument '$1'; see --help"
 }
 
 # quietly LOG COMMAND...: runs a command with its output in a file, and shows that only if it fails.

@@ -109,6 +109,13 @@ TEST(Clear, MakesEveryDigitZero)
     });
 }
 
+TEST(Clear, LeavesTheDigitBehindTheNumberAlone)
+{
+    std::array<uint64_t, 5> digits = {1, 2, 3, 4, 5};
+    vli_clear(digits.data());
+    EXPECT_EQ(digits, (std::array<uint64_t, 5>{0, 0, 0, 0, 5}));
+}
+
 TEST(IsZero, LooksAtEveryDigit)
 {
     EXPECT_EQ(vli_isZero(Digits{}.data()), 1);

@@ -80,9 +80,22 @@ mpz_class inverse(const mpz_class& value)
     return ecc_model::mod_inverse(value, n);
 }
 
+// Modulo the prime.
+mpz_class power(const mpz_class& base, const mpz_class& exponent)
+{
+    mpz_class result;
+    mpz_powm(result.get_mpz_t(), base.get_mpz_t(), exponent.get_mpz_t(), p.get_mpz_t());
+    return result;
+}
+
 mpz_class x_of(const Bytes& uncompressed)
 {
     return integer(Bytes(uncompressed.begin() + 1, uncompressed.begin() + 33));
+}
+
+mpz_class y_of(const Bytes& uncompressed)
+{
+    return integer(Bytes(uncompressed.begin() + 33, uncompressed.end()));
 }
 
 // A hash and a valid signature for which verification computes exactly u1 * G + u2 * Q.
@@ -524,6 +537,18 @@ TEST(Verify, RefusesAValidSWithTheOrderAdded)
     EXPECT_EQ(verify(signer.uncompressed, hash, bytes(r) + bytes(s + n)), 0);
 }
 
+// The inversion is not meant for the modulus itself, and gives 1 for it.
+TEST(Verify, RefusesTheOrderAsSWhereOneWouldBeValid)
+{
+    const Key signer = random_key();
+    const mpz_class k = random_below(n - 4) + 2;
+    const mpz_class r = x_of(openssl_base_mult(k)) % n;
+    const Bytes hash = bytes(((k - r * integer(signer.private_key)) % n + n) % n);
+    ASSERT_TRUE(openssl_verify(signer.uncompressed, hash, bytes(r) + bytes(1)));
+    EXPECT_EQ(verify(signer.uncompressed, hash, bytes(r) + bytes(1)), 1);
+    EXPECT_EQ(verify(signer.uncompressed, hash, bytes(r) + bytes(n)), 0);
+}
+
 TEST(Verify, ComparesEveryBitOfTheSumsX)
 {
     const Key signer = random_key();
@@ -753,6 +778,35 @@ TEST_F(Secrets, OfTheSharedSecretDoNotStayOnTheStack)
     ASSERT_EQ(secret, openssl_ecdh(own.private_key, peer.uncompressed));
     EXPECT_FALSE(holds(stack, integer(own.private_key)));
     EXPECT_FALSE(holds(stack, integer(secret)));
+}
+
+// With the private key 2 the ladder has one step: it adds P and 2P, and takes P from their sum. Each
+// addition multiplies Z by the difference of the two X, which is Z^2 times that of the affine x.
+TEST_F(Secrets, OfTheLadderDoNotStayOnTheStack)
+{
+    const Bytes peer = random_key().uncompressed;
+    const mpz_class initial_z = random_below(p - 1) + 1;
+    RandomSource source;
+    source.supply(initial_z);
+    Bytes secret(32);
+    const Bytes stack =
+        stack_after([&] { ecdh_shared_secret(peer.data(), bytes(2).data(), secret.data()); });
+    const Bytes product = openssl_mult(2, peer);
+    const Bytes sum = openssl_mult(3, peer);
+    ASSERT_EQ(integer(secret), x_of(product));
+
+    mpz_class z = y_of(peer) * power(initial_z, 4);
+    z = power(z, 3) * (x_of(product) - x_of(peer));
+    z = power(z, 3) * (x_of(sum) - x_of(peer));
+    EXPECT_FALSE(holds(stack, initial_z));
+    // 1/Z, and the sum as it is left in a register: up to their signs.
+    const mpz_class inverse_z = power(z, p - 2);
+    const mpz_class X = x_of(sum) * power(z, 2) % p;
+    const mpz_class Y = y_of(sum) * power(z, 3) % p;
+    for (const mpz_class& number : {inverse_z, X, Y}) {
+        EXPECT_FALSE(holds(stack, number));
+        EXPECT_FALSE(holds(stack, p - number));
+    }
 }
 
 TEST_F(Secrets, OfSigningDoNotStayOnTheStack)

@@ -203,6 +203,18 @@ TEST(GetRandomNumber, FailsWhereNeitherDeviceOpens)
     EXPECT_EQ(source.calls, (Calls{"open /dev/urandom", "open /dev/random"}));
 }
 
+// As where an application has closed its standard input.
+TEST(GetRandomNumber, ReadsADeviceThatOpensAsDescriptorZero)
+{
+    RandomSource source;
+    source.descriptor = 0;
+    source.supply(77);
+    Digits number = {};
+    EXPECT_EQ(getRandomNumber(number.data()), 1);
+    EXPECT_EQ(source.calls, ONE_DRAW);
+    EXPECT_EQ(integer(number), 77);
+}
+
 TEST(GetRandomNumber, FillsEveryByteFromTheRealDevice)
 {
     Digits together = {};

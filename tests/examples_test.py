@@ -108,9 +108,11 @@ class Examples(BuildTestCase):
                 self.assertIn("KeyLibrary_KEY_NOT_FOUND", self.run_example(example, ends_with=1))
 
     def test_an_example_fails_when_it_cannot_go_to_the_store(self):
-        self.run_example("tag_and_verify", self.directory / "nowhere", ends_with=1)
+        nowhere = self.directory / "nowhere"
+        self.assertEqual(self.run_example("tag_and_verify", nowhere, ends_with=1),
+                         f"{nowhere}: No such file or directory\n")
 
-    # ---- Helpers
+    # ---- What the tests use
 
     def run_example(self, name, store=None, own_store=False, ends_with=0):
         """Runs an example on the store of this test or on one of its own; what it printed."""

@@ -3,11 +3,13 @@
 #include "key_driver/zentrava_key_management_utils.cpp"
 
 #include "tests/support/changing_store.h"
+#include "tests/support/locks_at_print.h"
 
 #include <gtest/gtest.h>
 
 #include <stdint.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -292,6 +294,32 @@ TEST_P(ExportKey, HoldsTheMutexDuringTheReadOnlyAndCleansUpWhenItSucceeds)
     write_records(record(UID, "n", "1", KEY));
     read("n");
     EXPECT_EQ(steps(), as_built({read_under_mutex(), "free", "clean up"}));
+}
+
+TEST_P(ExportKey, GivesTheMutexBackBeforeItSearches)
+{
+    write_records(record(UID, "n", "1", KEY));
+    read("n");
+    EXPECT_EQ(std::count(store_events.begin(), store_events.end(), "search, locked"), 0);
+    EXPECT_GT(std::count(store_events.begin(), store_events.end(), "search"), 0);
+}
+
+TEST_P(ExportKey, GivesTheMutexBackBeforeItReportsAFailure)
+{
+    const auto prints_under_mutex = [](const char* uid, uint32_t capacity = 200) {
+        char text[200];
+        return prints_with_locks_held([&] { GetParam().read(uid, "n", text, &capacity); });
+    };
+    EXPECT_FALSE(prints_under_mutex("")) << "empty UID";
+    EXPECT_FALSE(prints_under_mutex(DEVICE_UID)) << "no such key";
+    write_records(record(UID, "n", "1", ""));
+    EXPECT_FALSE(prints_under_mutex(DEVICE_UID)) << "no key text";
+    write_records(record(UID, "n", "1", KEY));
+    EXPECT_FALSE(prints_under_mutex(DEVICE_UID, 64)) << "no room";
+    documents_seem_rootless = true;
+    EXPECT_FALSE(prints_under_mutex(DEVICE_UID)) << "no root";
+    write_file(GetParam().file_name, "");
+    EXPECT_FALSE(prints_under_mutex(DEVICE_UID)) << "unreadable";
 }
 
 TEST_P(ExportKey, DoesNotCleanUpWhenItFails)

@@ -679,6 +679,14 @@ TEST_F(KeyHandle, LeavesThePublicFilesValuesInTheBuffers)
     EXPECT_EQ(metadata_.text(), "public");
 }
 
+TEST_F(KeyHandle, LeavesThePublicFilesHandleInTheBufferAlsoWhenMetadataIsNotWanted)
+{
+    write_store_file(PRIVATE_FILE, record("U", "n", "1234567", "ab", "of the private file"));
+    write_store_file(PUBLIC_FILE, record("U", "n", "8", "ab", "public"));
+    EXPECT_EQ(printed_by([this] { EXPECT_EQ(look_up_without_metadata(), 0U); }), "");
+    EXPECT_EQ(handle_.text(), "8");
+}
+
 TEST_F(KeyHandle, KeepsWhatThePublicFileDoesNotReplace)
 {
     write_store_file(PRIVATE_FILE, record("U", "n", "7", "ab", "private"));

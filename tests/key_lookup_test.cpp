@@ -4,6 +4,7 @@
 
 #include "support/deadline.h"
 #include "support/libxml2_memory.h"
+#include "support/locks_at_print.h"
 #include "support/printed.h"
 #include "support/small_stack.h"
 #include "support/store_directory.h"
@@ -828,6 +829,24 @@ TEST_F(GetKey, ReleasesTheMutexOnEveryPath)
     EXPECT_FALSE(lock_is_held()) << "too small";
     look_up(100, nullptr);
     EXPECT_FALSE(lock_is_held()) << "null UID";
+}
+
+TEST_F(GetKey, ReleasesTheMutexBeforeItReportsAFailure)
+{
+    const auto prints_under_mutex = [](uint32_t capacity = 100) {
+        uint8_t key[100];
+        return prints_with_locks_held(
+            [&] { get_key(reinterpret_cast<const unsigned char*>("U"), "n", key, &capacity); });
+    };
+    EXPECT_FALSE(prints_under_mutex()) << "found nowhere";
+    write_store_file(PRIVATE_FILE, record("U", "n", "1", ""));
+    EXPECT_FALSE(prints_under_mutex()) << "no key text";
+    write_file(PRIVATE_FILE, "<keys>");
+    EXPECT_FALSE(prints_under_mutex()) << "unreadable";
+    // Comes last, for it does not clean up: behind a clean-up, the thread of the next test would be
+    // libxml2's first, and this thread's error handler would not outlive the clean-ups to come.
+    write_store_file(PRIVATE_FILE, record("U", "n", "1", KEY_64));
+    EXPECT_FALSE(prints_under_mutex(31)) << "no room";
 }
 
 TEST_F(GetKey, WaitsForTheMutex)

@@ -78,6 +78,7 @@ class Packaging(BuildTestCase):
         debian = re.match(r"zentrava-keys \((.*?)\)", self.source("packaging/debian/changelog"))[1]
         recipe, = (self.packaging / "yocto").glob("*.bb")
         self.assertEqual(debian, version)
+        self.assertIn(f"\n## [{version}] - ", self.source("CHANGELOG.md"))
         self.assertEqual(recipe.name, f"zentrava-keys_{version}.bb")
         self.assertIn(f"version {version}", self.read_by_make())
 

@@ -86,7 +86,7 @@ class PythonDocuments(LibraryTestCase):
                                    LD_LIBRARY_PATH=library.parent)
         self.assertRegex(printed, r"\A[0-9a-f]{8}\n\Z")
 
-    # ---- Helpers
+    # ---- What the tests use
 
     def blocks_of_page(self):
         page = Path(build.source, "docs", "python.md").read_text(encoding="utf-8")

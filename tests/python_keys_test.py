@@ -378,7 +378,7 @@ class PythonKeys(LibraryTestCase):
                        lambda: store.describe(UID, "srk"))
         self.assertEqual(most, [1] * 10)
 
-    # ---- Helpers
+    # ---- What the tests use
 
     def run_in_processes(self, *calls):
         """Runs each call in a process and a directory of its own; all have to succeed."""

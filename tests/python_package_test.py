@@ -269,7 +269,7 @@ class PythonPackage(LibraryTestCase):
                          ["another thread is working in a directory: a process has only one"])
         self.assertEqual(Path.cwd(), self.directory.resolve())
 
-    # ---- Helpers
+    # ---- What the tests use
 
     def loaded(self, path=None, **environment):
         """The path that another process says it loaded, or the error that it had."""

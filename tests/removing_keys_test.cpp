@@ -4,6 +4,7 @@
 
 #include "tests/support/blocking_call.h"
 #include "tests/support/changing_store.h"
+#include "tests/support/locks_at_print.h"
 #include "tests/support/xml_reader.h"
 
 #include <gtest/gtest.h>
@@ -306,6 +307,20 @@ TEST_F(DeleteKeyByHandle, CleansUpAfterEachFileThatDoesNotHoldTheHandle)
     EXPECT_EQ(steps_of([] { return delete_key_by_handle("7"); }),
               as_built({"read key_contents_pub.xml" + BOTH_LOCKS, "free", "clean up",
                         "read key_contents_prv.xml" + BOTH_LOCKS, "free", "clean up"}));
+}
+
+TEST_F(DeleteKeyByHandle, WarnsOfAFileWithoutARootBeforeItGivesTheLocksBack)
+{
+    documents_seem_rootless = true;
+    EXPECT_TRUE(prints_with_locks_held([] { delete_key_by_handle("7"); }));
+}
+
+TEST_F(DeleteKeyByHandle, GivesTheLocksBackBeforeItReportsAFailure)
+{
+    EXPECT_FALSE(prints_with_locks_held([] { delete_key_by_handle("7"); })) << "not found";
+    write_store_file(PUBLIC_FILE, record(UID, "n", "7", KEY));
+    saving_fails = true;
+    EXPECT_FALSE(prints_with_locks_held([] { delete_key_by_handle("7"); })) << "cannot save";
 }
 
 // ---- Files that cannot be read: the mutex stays locked, deliberately ----
@@ -631,6 +646,25 @@ TEST_F(DeleteKeyByKeyType, GivesTheLocksBackBetweenTheFiles)
               as_built({"read key_contents_prv.xml" + BOTH_LOCKS, "free", "clean up",
                         "read key_contents_pub.xml" + BOTH_LOCKS,
                         "save key_contents_pub.xml" + BOTH_LOCKS, "free", "clean up"}));
+}
+
+TEST_F(DeleteKeyByKeyType, ReportsAFileThatCannotBeUsedBeforeItGivesTheLocksBack)
+{
+    const auto remove_key = [] {
+        delete_key_by_key_type(DEVICE_UID, "n");
+    };
+    documents_seem_rootless = true;
+    EXPECT_TRUE(prints_with_locks_held(remove_key)) << "no root";
+    documents_seem_rootless = false;
+    write_file(PRIVATE_FILE, "");
+    EXPECT_TRUE(prints_with_locks_held(remove_key)) << "unreadable";
+}
+
+TEST_F(DeleteKeyByKeyType, GivesTheLocksBackBeforeItReportsThatItCannotSave)
+{
+    write_store_file(PRIVATE_FILE, record(UID, "n", "7", KEY));
+    saving_fails = true;
+    EXPECT_FALSE(prints_with_locks_held([] { delete_key_by_key_type(DEVICE_UID, "n"); }));
 }
 
 TEST_F(DeleteKeyByKeyType, CleansUpAfterEachFileThatDoesNotHoldTheKey)

@@ -417,7 +417,7 @@ TEST_F(SavePermissionsAsRoot, OverwriteInPlaceInADirectoryWhereOnlyOwnersRename)
 
 TEST_F(SavePermissionsAsRoot, OverwriteAFileInPlaceThatIsAMountPoint)
 {
-    const Mount mount(PRIVATE_FILE, PRIVATE_FILE, nullptr, MS_BIND, nullptr);
+    const Mount mount(PRIVATE_FILE, PRIVATE_FILE, "", MS_BIND, nullptr);
     if (!mount.is_there()) {
         GTEST_SKIP() << "mounting is not permitted here";
     }

@@ -63,6 +63,11 @@ class ToolCommands(ToolTestCase):
                          "file: cannot be entered: Not a directory; name the store's directory "
                          "with --dir")
 
+    def test_init_in_a_directory_that_cannot_be_made_is_an_input_output_error(self):
+        self.assertEqual(self.refusal(INPUT_OUTPUT, "init", "--dir", "missing/store"),
+                         "missing/store: cannot be made: No such file or directory; see to its "
+                         "name and to the permissions of the directory that it goes to")
+
     # ---- add
 
     def test_add_appends_a_record_with_the_next_handle(self):
@@ -286,6 +291,9 @@ class ToolCommands(ToolTestCase):
         self.assertEqual(self.refusal(USAGE, "generate", UID, "srk", "--verifier", UID),
                          "an HMAC key has no public key to store for a verifier; leave out "
                          "--verifier, or say --type p256")
+        self.assertEqual(self.refusal(USAGE, "generate", UID, "srk", "--public-key", "key.pem"),
+                         "an HMAC key has no public key to write to a file; leave out "
+                         "--public-key, or say --type p256")
         self.assertEqual(self.read(PRIVATE_FILE), EMPTY_FILE)
 
     def test_generate_gives_the_public_key_as_json_too(self):
@@ -571,7 +579,7 @@ class ToolCommands(ToolTestCase):
         self.assertEqual(self.tool("restore", "copy", "-q"), "")
         self.assertIn("short", self.tool("list", "-q"))
 
-    # ---- Helpers
+    # ---- What the tests use
 
     def mode(self, name):
         return stat.S_IMODE((self.directory / name).stat().st_mode)

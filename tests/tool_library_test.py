@@ -125,7 +125,7 @@ class ToolLibrary(ToolTestCase):
         self.add(uid, "Schlüssel \"1\"", HMAC_KEY)
         self.assertEqual(self.use(uid, "Schlüssel \"1\""), HMAC_KEY)
 
-    # ---- Helpers
+    # ---- What the tests use
 
     def use(self, uid, operation, *arguments, fails=False):
         """What the library makes of the message with a key; its diagnostics are left out."""

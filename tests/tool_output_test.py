@@ -70,7 +70,7 @@ class ToolOutput(ToolTestCase):
     def test_the_filters_of_list_are_patterns(self):
         self.init()
         for uid, name in ((UID, "srk"), (UID, "ecdsa_prv"), (OTHER_UID, "srk")):
-            self.tool("generate", uid, name, "--quiet", "--public-key", f"{name}.pem")
+            self.json("generate", uid, name)
         self.add(UID, "ECDSA_DS_PuK", PUBLIC_KEY)
         for arguments, handles in ((["--uid", UID], "124"), (["--uid", "fedc*"], "3"),
                                    (["--name", "srk"], "13"), (["--name", "?rk"], "13"),
@@ -119,8 +119,6 @@ class ToolOutput(ToolTestCase):
 
     def test_a_wrong_command_line_is_a_usage_error(self):
         cases = {
-            "": "a command is missing",
-            "frobnicate": "The following argument was not expected: frobnicate",
             "list extra": "The following argument was not expected: extra",
             "list --colour": "The following argument was not expected: --colour",
             "list --file secret": "--file: secret not in {private,public}",
@@ -129,6 +127,9 @@ class ToolOutput(ToolTestCase):
             f"show {UID}": "either UID and NAME or --handle tells which key",
             f"show {UID} srk --handle 1": "either UID and NAME or --handle tells which key",
             f"show {UID} --handle 1": "either UID and NAME or --handle tells which key",
+            "show --handle ''": "--handle: is empty",
+            "list --dir ''": "--dir: is empty",
+            f"generate {UID} own --verifier-name mine": "--verifier-name requires --verifier",
             f"add {UID}": "NAME is required",
             f"generate {UID} srk --type rsa": "--type: rsa not in {hmac,p256}",
             f"copy {UID} srk": "--as is required",
@@ -142,9 +143,21 @@ class ToolOutput(ToolTestCase):
         before = self.files()
         for line, cause in cases.items():
             with self.subTest(line):
+                words = shlex.split(line)
+                self.assertEqual(self.refusal(USAGE, *words),
+                                 f"{cause}; see zentrava-keystore {words[0]} --help")
+        self.assertEqual(self.files(), before)
+
+    def test_a_command_line_without_a_command_that_there_is_is_a_usage_error(self):
+        cases = {
+            "": "a command is missing",
+            "frobnicate": "The following argument was not expected: frobnicate",
+            "--dir": "--dir: 1 required DIRECTORY missing",
+        }
+        for line, cause in cases.items():
+            with self.subTest(line):
                 self.assertEqual(self.refusal(USAGE, *line.split()),
                                  f"{cause}; see zentrava-keystore --help")
-        self.assertEqual(self.files(), before)
 
     def test_common_options_stand_before_or_behind_the_command(self):
         self.tool("--quiet", "--dir", "store", "init")

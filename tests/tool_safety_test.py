@@ -74,6 +74,20 @@ class ToolSafety(ToolTestCase):
             "and to the space on the disk")
         self.assertEqual(self.files(), before)
 
+    @unittest.skipUnless(os.geteuid() == 0, "needs to become another user")
+    def test_a_restore_into_a_directory_that_may_not_be_written_changes_nothing(self):
+        self.init()
+        self.tool("backup", "copy", "--quiet")
+        before = self.files()
+        for path in [self.directory, *self.directory.rglob("*")]:
+            os.chown(path, NOBODY, NOBODY)
+        self.directory.chmod(0o555)
+        self.assertEqual(
+            self.refusal(INPUT_OUTPUT, "restore", "copy", preexec_fn=lambda: os.setuid(NOBODY)),
+            f"{PRIVATE_FILE}: cannot be kept aside: Permission denied; see to the permissions of "
+            "its directory")
+        self.assertEqual(self.files(), before)
+
     def test_a_backup_that_cannot_be_written_leaves_no_copy(self):
         self.init()
         self.add(UID, "ECDSA_DS_PuK", PUBLIC_KEY, "--metadata", "m" * 9000)
@@ -222,7 +236,7 @@ class ToolSafety(ToolTestCase):
             self.skipTest("sanitizers and emulators keep memory of their own")
         self.init()
         for name in ("srk", "ecdsa_prv"):
-            self.tool("generate", UID, name, "--quiet", "--public-key", f"{name}.pem")
+            self.json("generate", UID, name)
             key = self.json("show", UID, name, "--reveal")["key"]["key"]
             self.assertEqual(self.left_in_memory(key.encode(), "list"), 0)
             self.assertEqual(self.left_in_memory(key.encode(), "generate", UID, "other " + name), 0)

@@ -218,7 +218,12 @@ static std::optional<Failure> prepare(FileKind kind, Restoration* file)
     file->target = target_of(name);
     unlink(kept_name(*file).c_str()); // which a killed restore left
     file->is_kept = link(file->target.c_str(), kept_name(*file).c_str()) == 0;
-    return file->is_kept ? std::nullopt : std::optional(cannot("cannot be kept aside", name));
+    if (!file->is_kept) {
+        return Failure{INPUT_OUTPUT, name, 0,
+                       std::string("cannot be kept aside: ") + strerror(errno),
+                       "see to the permissions of its directory"};
+    }
+    return std::nullopt;
 }
 
 static std::optional<Failure> restore_file(FileKind kind, const Restoration& file)

@@ -59,27 +59,43 @@ static std::optional<Failure> make_pair(const GenerateOptions& options, Generate
     return failure;
 }
 
+static bool has_file_for_public_key(const GenerateOptions& options)
+{
+    return options.public_key_file != "-";
+}
+
+static std::optional<Failure> refuse_public_key_of_hmac_key(const GenerateOptions& options)
+{
+    if (options.verifier_uid) {
+        return Failure{USAGE, "", 0, "an HMAC key has no public key to store for a verifier",
+                       "leave out --verifier, or say --type p256"};
+    }
+    if (has_file_for_public_key(options)) {
+        return Failure{USAGE, "", 0, "an HMAC key has no public key to write to a file",
+                       "leave out --public-key, or say --type p256"};
+    }
+    return std::nullopt;
+}
+
 static std::optional<Failure> make_key(const GenerateOptions& options, Generated* generated)
 {
     KeyKind kind = HMAC_KEY;
     if (std::optional<Failure> failure = kind_of(options, generated->key.key_name, &kind)) {
         return failure;
     }
-    std::optional<Failure> failure =
-        kind == HMAC_KEY ? random_hmac_key(&generated->key.key) : make_pair(options, generated);
-    if (failure) {
-        return failure;
+    std::optional<Failure> failure;
+    if (kind == HMAC_KEY) {
+        failure = refuse_public_key_of_hmac_key(options);
+        failure = failure ? failure : random_hmac_key(&generated->key.key);
+    } else {
+        failure = make_pair(options, generated);
     }
-    if (generated->public_key.empty() && options.verifier_uid) {
-        return Failure{USAGE, "", 0, "an HMAC key has no public key to store for a verifier",
-                       "leave out --verifier, or say --type p256"};
-    }
-    return check_new_key(generated->key);
+    return failure ? failure : check_new_key(generated->key);
 }
 
 static bool goes_to_file(const GenerateOptions& options, const Generated& generated)
 {
-    return !generated.public_key.empty() && options.public_key_file != "-";
+    return !generated.public_key.empty() && has_file_for_public_key(options);
 }
 
 // The public key's file comes last before the save, so that nothing else can fail behind it.

@@ -28,6 +28,13 @@ static CLI::App* add_command(CLI::App* app, Request* request, const char* name,
     return command;
 }
 
+// For options of which the empty text stands for another choice: a script whose variable is unset is
+// not to make it.
+static void refuse_empty_text(CLI::Option* option)
+{
+    option->check([](const std::string& text) { return text.empty() ? "is empty" : ""; });
+}
+
 static void add_file_option(CLI::App* command, std::optional<FileKind>* file,
                             const char* description)
 {
@@ -80,6 +87,7 @@ static void add_selection(CLI::App* command, Selection* selection)
                               ->add_option("--handle", selection->handle,
                                            "The key's handle, in place of UID and NAME")
                               ->type_name("HANDLE");
+    refuse_empty_text(handle);
     add_file_option(command, &selection->file, "Look in this file only");
     command->parse_complete_callback([uid, name, handle]() {
         const size_t names = uid->count() + name->count();
@@ -139,6 +147,24 @@ static void add_add(CLI::App* app, Request* request)
     add_replace(command, &options->existing);
 }
 
+static void add_verifier(CLI::App* command, GenerateOptions* options)
+{
+    CLI::Option* uid = command
+                           ->add_option("--verifier", options->verifier_uid,
+                                        "Also store the public key, X and Y, for this UID")
+                           ->type_name("UID");
+    options->verifier_name = VERIFICATION_KEY_NAME;
+    CLI::Option* name = command
+                            ->add_option("--verifier-name", options->verifier_name,
+                                         "Under this name (default: ECDSA_DS_PuK)")
+                            ->type_name("NAME");
+    command->parse_complete_callback([uid, name]() {
+        if (name->count() > 0 && uid->count() == 0) {
+            throw CLI::RequiresError("--verifier-name", "--verifier");
+        }
+    });
+}
+
 static void add_generate(CLI::App* app, Request* request)
 {
     static const std::map<std::string, GeneratedKind> KINDS = {{"hmac", GENERATED_HMAC},
@@ -161,15 +187,7 @@ static void add_generate(CLI::App* app, Request* request)
         ->add_option("--public-key", options->public_key_file,
                      "Public key as PEM (default: standard output)")
         ->type_name("FILE");
-    command
-        ->add_option("--verifier", options->verifier_uid,
-                     "Also store the public key, X and Y, for this UID")
-        ->type_name("UID");
-    options->verifier_name = VERIFICATION_KEY_NAME;
-    command
-        ->add_option("--verifier-name", options->verifier_name,
-                     "Under this name (default: ECDSA_DS_PuK)")
-        ->type_name("NAME");
+    add_verifier(command, kept);
     add_metadata(command, &options->metadata);
     add_replace(command, &options->existing);
 }
@@ -307,10 +325,22 @@ static void add_restore(CLI::App* app, Request* request)
 
 static void add_common_options(CLI::App* app, Common* common)
 {
-    app->add_option("--dir", common->directory, "The store's directory (default: the current one)")
-        ->type_name("DIRECTORY");
+    CLI::Option* directory = app->add_option("--dir", common->directory,
+                                             "The store's directory (default: the current one)")
+                                 ->type_name("DIRECTORY");
+    refuse_empty_text(directory);
     app->add_flag("--quiet,-q", common->quiet, "Print results only, no messages");
     app->add_flag("--json", common->json, "Print JSON, for programs");
+}
+
+// Of the command, as far as one was found.
+static Failure usage_error(const CLI::App& app, const std::string& cause)
+{
+    std::string remedy = "see zentrava-keystore ";
+    for (const CLI::App* command : app.get_subcommands()) {
+        remedy += command->get_name() + " ";
+    }
+    return {USAGE, "", 0, cause, remedy + "--help"};
 }
 
 std::optional<Failure> parse_command_line(int argc, char** argv, Request* request)
@@ -342,10 +372,10 @@ std::optional<Failure> parse_command_line(int argc, char** argv, Request* reques
         app.exit(asked_for_text);
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
-        return Failure{USAGE, "", 0, error.what(), "see zentrava-keystore --help"};
+        return usage_error(app, error.what());
     }
     if (!request->run) {
-        return Failure{USAGE, "", 0, "a command is missing", "see zentrava-keystore --help"};
+        return usage_error(app, "a command is missing");
     }
     return std::nullopt;
 }

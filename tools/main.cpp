@@ -22,8 +22,11 @@ static std::optional<Failure> enter_directory(Request* request)
     if (common.directory.empty()) {
         return std::nullopt;
     }
-    if (request->makes_directory) {
-        mkdir(common.directory.c_str(), S_IRWXU); // whether it is there now, entering it tells
+    if (request->makes_directory && mkdir(common.directory.c_str(), S_IRWXU) != 0 &&
+        errno != EEXIST) { // then entering it tells whether it is a directory
+        return Failure{INPUT_OUTPUT, common.directory, 0,
+                       std::string("cannot be made: ") + strerror(errno),
+                       "see to its name and to the permissions of the directory that it goes to"};
     }
     if (chdir(common.directory.c_str()) != 0) {
         return Failure{INPUT_OUTPUT, common.directory, 0,

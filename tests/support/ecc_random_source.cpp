@@ -8,9 +8,6 @@
 
 static RandomSource* active = nullptr;
 
-// A descriptor that the system does not hand out.
-static const int DEVICE = 0x7A000000;
-
 RandomSource::RandomSource()
 {
     active = this;
@@ -47,12 +44,17 @@ static bool is_device(const char* path)
     return strcmp(path, "/dev/urandom") == 0 || strcmp(path, "/dev/random") == 0;
 }
 
+static bool is_device(int fd)
+{
+    return active != nullptr && (fd == active->descriptor || fd == -1);
+}
+
 static int open_device(const std::string& path, int flags)
 {
     active->calls.push_back("open " + path);
     active->open_flags.push_back(flags);
     if (path == "/dev/urandom" ? active->urandom_exists : active->random_exists) {
-        return DEVICE;
+        return active->descriptor;
     }
     errno = ENOENT;
     return -1;
@@ -99,17 +101,17 @@ int __wrap_open(const char* path, int flags, ...)
 
 ssize_t __wrap_read(int fd, void* buffer, size_t count)
 {
-    return fd == DEVICE ? read_device(buffer, count) : __real_read(fd, buffer, count);
+    return is_device(fd) ? read_device(buffer, count) : __real_read(fd, buffer, count);
 }
 
 ssize_t __wrap___read_chk(int fd, void* buffer, size_t count, size_t size)
 {
-    return fd == DEVICE ? read_device(buffer, count) : __real___read_chk(fd, buffer, count, size);
+    return is_device(fd) ? read_device(buffer, count) : __real___read_chk(fd, buffer, count, size);
 }
 
 int __wrap_close(int fd)
 {
-    if (fd == DEVICE) {
+    if (is_device(fd)) {
         active->calls.push_back("close");
         return 0;
     }

@@ -18,6 +18,9 @@ struct RandomSource {
     bool urandom_exists = true;
     bool random_exists = true;
 
+    // What opening a device gives: as it stands, a descriptor that the system does not hand out.
+    int descriptor = 0x7A000000;
+
     // What the devices deliver, in this order; then they are at their end.
     std::deque<uint8_t> content;
 
@@ -25,7 +28,8 @@ struct RandomSource {
     // an errno value made negative. Reads beyond the list deliver as much as was asked for.
     std::deque<int> reads;
 
-    // The calls in their order: "open /dev/urandom", "read 32", "close".
+    // The calls in their order: "open /dev/urandom", "read 32", "close". Those with the descriptor
+    // of a failed opening, -1, count as well.
     std::vector<std::string> calls;
     std::vector<int> open_flags;
 

@@ -7,8 +7,7 @@
 // False where that is not permitted.
 inline bool make_mounts_private()
 {
-    return unshare(CLONE_NEWNS) == 0 &&
-           mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    return unshare(CLONE_NEWNS) == 0 && mount("none", "/", "", MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
 class Mount {

@@ -914,6 +914,19 @@ TEST_F(GetKey, PutsTheErrorHandlerBackAfterMalformedFilesAndDoesNotCallIt)
     with_an_error_handler_of_the_application([] { expect_nothing(look_up()); });
 }
 
+// Volatile keys come and go inside libxml2 as well.
+TEST_F(GetKey, PutsTheErrorHandlerBackAndDoesNotCallItAfterAVolatileKeyCameAndWent)
+{
+    write_file(PRIVATE_FILE, with_key("<keys>", "</keyz>"));
+    std::filesystem::remove(PUBLIC_FILE);
+    with_an_error_handler_of_the_application([] {
+        char handle[16];
+        EXPECT_EQ(add_volatile_key("ab", handle, sizeof handle), 0U);
+        EXPECT_EQ(delete_key_by_handle(handle), 0U);
+        expect_nothing(look_up());
+    });
+}
+
 TEST_F(GetKey, LeavesNoErrorHandlerWhereThereWasNone)
 {
     write_file(PRIVATE_FILE, with_key("<keys>", "</keyz>"));

@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <set>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -43,6 +44,54 @@ namespace {
 const std::string KEY(64, 'a');
 const std::string OTHER_KEY(64, 'b');
 const char* const METADATA = "new <metadata> & \r more";
+
+// What the operations below say when they fail, whatever the reason.
+const std::set<std::string> MESSAGES = {
+    "[add_nonvolatile_based_key] error: could not add a key record",
+    "[add_nonvolatile_based_key] error: could not get new key handle",
+    "[add_nonvolatile_based_key] error: could not parse file key_contents_prv.xml",
+    "[add_nonvolatile_based_key] error: could not parse file key_contents_pub.xml",
+    "[add_nonvolatile_based_key] error: could not replace key",
+    "[add_nonvolatile_based_key] error: could not save file key_contents_prv.xml",
+    "[add_nonvolatile_based_key] error: could not save file key_contents_pub.xml",
+    "[add_nonvolatile_based_key] error: could retrieve root element",
+    "[add_volatile_key] Failed to retrieve Temporary Key Tree root node!",
+    "[add_volatile_key] error: could not add a key record",
+    "[add_volatile_key] error: could not get new key handle",
+    "[copy_prv_key] error: could not add a key record",
+    "[copy_prv_key] error: could not get new key handle",
+    "[copy_prv_key] error: could not parse file key_contents_prv.xml",
+    "[copy_prv_key] error: could not save file key_contents_prv.xml",
+    "[copy_prv_key] error: no key with found with  uid=0123456789abcdef0123456789abcdef; key "
+    "name=missing",
+    "[delete_key_by_handle] error: could not save file key_contents_prv.xml",
+    "[delete_key_by_handle] error: could not save file key_contents_pub.xml",
+    "[delete_key_by_key_type] error: could not parse file key_contents_prv.xml",
+    "[delete_key_by_key_type] error: could not parse file key_contents_pub.xml",
+    "[delete_key_by_key_type] error: could not save file key_contents_prv.xml",
+    "[delete_key_by_key_type] error: could not save file key_contents_pub.xml",
+    "[export_prv_key_in_clear_as_hex] error: could not parse file (null)",
+    "[get_key] error: can't find key",
+    "[get_key] error: could not parse file key_contents_prv.xml",
+    "[get_key] error: could not parse file key_contents_pub.xml",
+    "[get_key_handle] error: could not parse file key_contents_prv.xml",
+    "[get_key_handle] error: could not parse file key_contents_pub.xml",
+    "[key_driver._prv_keyfile_contains_key(uid, key)] error: could not parse file "
+    "key_contents_prv.xml",
+    "[key_driver.set_new_srk_key_data_for_uid] error: could not parse file key_contents_prv.xml",
+    "[key_driver.set_new_srk_key_data_for_uid] error: could not replace key",
+    "[key_driver.set_new_srk_key_data_for_uid] error: could not save file key_contents_prv.xml",
+    "[read_public_key_as_hex] error: could not parse file (null)",
+    "error: Cannot add key for uid 0x0123456789abcdef0123456789abcdef and key name old! Key with "
+    "same uid and key_name already exists",
+    "error: Cannot add key for uid 0x0123456789abcdef0123456789abcdef and key name volatile! Key "
+    "with same uid and key_name already exists",
+    "error: can't find key",
+    "error: can't find key with handle 2",
+    "error: can't find key with handle 20",
+    "error: could not parse file key_contents_prv.xml",
+    "error: could not parse file key_contents_pub.xml",
+};
 
 const pthread_mutex_t PLAIN_MUTEX = PTHREAD_MUTEX_INITIALIZER;
 const pthread_mutex_t CHECKING_MUTEX = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
@@ -390,6 +439,10 @@ TEST_P(MemoryShortage, SaysSoWhenItFails)
     run_short([&](const Attempt& tried) {
         if (tried.result != enough_.result || !(tried.store == enough_.store)) {
             EXPECT_NE(tried.printed, "");
+        }
+        std::istringstream lines(tried.printed);
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_EQ(MESSAGES.count(line), 1u) << line;
         }
     });
 }
